@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// What became of a child process: its wait status, and all that it wrote to standard output and error.
+struct child_outcome {
+  int status;
+  std::string output;
+
+  [[nodiscard]] bool exited_with(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+};
+
+/// Starts `body` in a child process whose exit status is what `body` returns.
+template <typename Body> pid_t start_child(Body body) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) std::abort();
+  if (child == 0) {
+    const int code = body();
+    std::fflush(nullptr);
+    _exit(code);
+  }
+  return child;
+}
+
+inline int wait_for_child(pid_t child) {
+  int status = -1;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+/// Runs `body` in a child process to its end.
+template <typename Body> child_outcome run_in_child(Body body) {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  const pid_t child = start_child([&] {
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    return body();
+  });
+  close(ends[1]);
+  std::string output;
+  char block[4096];
+  for (ssize_t size = 0; (size = read(ends[0], block, sizeof block)) > 0;) {
+    output.append(block, static_cast<size_t>(size));
+  }
+  close(ends[0]);
+  return {wait_for_child(child), output};
+}
