@@ -1,0 +1,97 @@
+#include "libc_hooks.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dlfcn.h>
+#include <new>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+namespace {
+
+struct hook_state {
+  const char* failing = nullptr;
+  bool resolver_set = false;
+  int resolver_result = 0;
+  addrinfo* resolver_list = nullptr;
+};
+thread_local constinit hook_state hooks;
+
+bool fails(const char* name) {
+  return hooks.failing != nullptr && std::strcmp(hooks.failing, name) == 0;
+}
+
+template <typename function> function* library(const char* name) {
+  return reinterpret_cast<function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+fake_resolver::fake_resolver(int result, addrinfo* list) {
+  hooks.resolver_set = true;
+  hooks.resolver_result = result;
+  hooks.resolver_list = list;
+}
+
+fake_resolver::~fake_resolver() {
+  hooks.resolver_set = false;
+}
+
+failing_call::failing_call(const char* name) {
+  hooks.failing = name;
+}
+
+failing_call::~failing_call() {
+  hooks.failing = nullptr;
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  if (fails("new")) return nullptr;
+  try {
+    return ::operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+extern "C" {
+
+int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
+  if (!hooks.resolver_set) return library<decltype(getaddrinfo)>("getaddrinfo")(name, service, hints, list);
+  *list = hooks.resolver_list;
+  return hooks.resolver_result;
+}
+
+void freeaddrinfo(addrinfo* list) noexcept {
+  if (!hooks.resolver_set) library<decltype(freeaddrinfo)>("freeaddrinfo")(list);
+}
+
+ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  return fails("send") ? 0 : library<decltype(send)>("send")(fd, bytes, size, flags);
+}
+
+int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
+  if (!fails("setsockopt"))
+    return library<decltype(setsockopt)>("setsockopt")(fd, level, option, value, size);
+  errno = ENOPROTOOPT;
+  return -1;
+}
+
+SSL_CTX* SSL_CTX_new(const SSL_METHOD* method) {
+  return fails("SSL_CTX_new") ? nullptr : library<decltype(SSL_CTX_new)>("SSL_CTX_new")(method);
+}
+
+int SSL_CTX_set_cipher_list(SSL_CTX* context, const char* list) {
+  if (fails("SSL_CTX_set_cipher_list")) return 0;
+  return library<decltype(SSL_CTX_set_cipher_list)>("SSL_CTX_set_cipher_list")(context, list);
+}
+
+SSL* SSL_new(SSL_CTX* context) {
+  return fails("SSL_new") ? nullptr : library<decltype(SSL_new)>("SSL_new")(context);
+}
+
+int SSL_set_fd(SSL* ssl, int fd) {
+  return fails("SSL_set_fd") ? 0 : library<decltype(SSL_set_fd)>("SSL_set_fd")(ssl, fd);
+}
+
+}  // extern "C"

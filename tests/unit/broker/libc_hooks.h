@@ -1,0 +1,23 @@
+#pragma once
+
+#include <netdb.h>
+
+// Calls that this test program answers in place of the libraries, for failures that can't be had otherwise. Each
+// hook counts for the thread that sets it, and only as long as the object lives.
+
+/// getaddrinfo() gives this result and list.
+struct fake_resolver {
+  fake_resolver(int result, addrinfo* list);
+  ~fake_resolver();
+  fake_resolver(const fake_resolver&) = delete;
+  fake_resolver& operator=(const fake_resolver&) = delete;
+};
+
+/// The named call fails (or, for send, gives 0): "send", "setsockopt", "new" (without exceptions), "SSL_CTX_new",
+/// "SSL_CTX_set_cipher_list", "SSL_new", "SSL_set_fd".
+struct failing_call {
+  explicit failing_call(const char* name);
+  ~failing_call();
+  failing_call(const failing_call&) = delete;
+  failing_call& operator=(const failing_call&) = delete;
+};
