@@ -1,0 +1,89 @@
+#include "delivery/message_sender_delivery.h"
+
+#include "broker/net_helper.h"
+#include "core/log.h"
+#include "core/owned.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace {
+
+constexpr char log_source[] = "message_sender";
+
+int resolve(const char* host, in_addr* address) {
+  char buffer[8192];
+  hostent entry{};
+  hostent* found = nullptr;
+  int failure = 0;
+  const int result = gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &failure);
+  if (result != 0 || found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+    log_warning("Can't resolve host '%s'. h_errno=%d - %s.\n", host, failure, hstrerror(failure));
+    return -1;
+  }
+  std::memcpy(address, found->h_addr_list[0], sizeof *address);
+  return 0;
+}
+
+int connect_tcp(int fd, const char* host, uint16_t port) {
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  if (resolve(host, &peer.sin_addr) != 0) return -1;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
+    log_warning("Can't connect to '%s':%d, errno=%d - %s.\n", host, port, errno, std::strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int connect_path(int fd, const char* path) {
+  sockaddr_un peer{};
+  const size_t length = std::strlen(path);
+  // A cut path would name another file. One that fills the field needs no terminator.
+  if (length > sizeof peer.sun_path) {
+    errno = EINVAL;
+    return -1;
+  }
+  peer.sun_family = AF_UNIX;
+  std::memcpy(peer.sun_path, path, length);
+  const auto peer_size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+  return connect(fd, reinterpret_cast<const sockaddr*>(&peer), peer_size);
+}
+
+int connect_unix(int fd, const char* path) {
+  if (connect_path(fd, path) != 0) {
+    log_warning("Can't connect to unix socket '%s', errno=%d - %s.\n", path, errno, std::strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+void send_message(int fd, const char* address, uint16_t port, const void* data, uint32_t length) {
+  if (data == nullptr || length == 0) return;
+  if (send_all(fd, data, length) != ssize_t{length}) {
+    log_error("Failed to send msg to qhandler on port '%s':%d.\n", address, port);
+    return;
+  }
+  log_info("Sent to handler %zu bytes.\n", size_t{length});
+}
+
+}  // namespace
+
+void connect_and_send(const char* address, uint16_t port, const void* data, uint32_t length) {
+  fd_owner fd{socket(port != 0 ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  if (!fd.valid()) {
+    log_error("Can't open socket: errno=%d-%s.\n", errno, std::strerror(errno));
+    return;
+  }
+  const int connected = port != 0 ? connect_tcp(fd.get(), address, port) : connect_unix(fd.get(), address);
+  if (connected == 0) send_message(fd.get(), address, port, data, length);
+  if (close(fd.release()) != 0) {
+    log_error("Failed to close socket: errno=%d-%s.\n", errno, std::strerror(errno));
+  }
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define UNDER_THREAD_SANITIZER 1
+#endif
+#elif defined(__SANITIZE_THREAD__)
+#define UNDER_THREAD_SANITIZER 1
+#endif
+#if !defined(UNDER_THREAD_SANITIZER)
+#define UNDER_THREAD_SANITIZER 0
+#endif
+
+// System calls that this test program answers in place of the C library, for failures that can't be had otherwise.
+// A hook counts for the whole process, as long as the object lives.
+
+/// The next `times` calls of `name` fail with errno (or the result, for pthread calls) `error`. Names: "socket",
+/// "close" (the descriptor is closed all the same), "pipe2", "fork", "pthread_create", "pthread_attr_init",
+/// "pthread_attr_setdetachstate", "pthread_attr_destroy", "pthread_cond_wait", "strtol" (gives 0), and "write" (to
+/// pipes; with `error` 0 it gives 0). The thread sanitizer needs the
+/// real calls for thread attributes for itself.
+struct failing_call {
+  failing_call(const char* name, int error, int times = 1);
+  ~failing_call();
+  failing_call(const failing_call&) = delete;
+  failing_call& operator=(const failing_call&) = delete;
+};
