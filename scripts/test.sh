@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# Everything that must hold before a change lands: style, structure, and all tests, plain and under the sanitizers.
+#
+# usage: test.sh [STAGE ...]      (default: all, in this order)
+#   style     clang-format, include circles, docs/behaviour.md against the tests
+#   plain     release build, unit and system tests
+#   clang     clang build with -Wthread-safety, clang-tidy
+#   install   cmake --install, and a second build against the installed settings library
+#   asan      all tests under the address, leak and undefined-behaviour sanitizers
+#   tsan      all tests under the thread sanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+python=/usr/bin/python3
+jobs=$(nproc)
+# System tests mostly wait for each other's programs: more of them than processors run at once.
+workers=${ORVEL_TEST_WORKERS:-$((jobs * 2))}
+total_passed=0
+total_failed=0
+
+stage() {
+  echo
+  echo "== $* ($(date +%T))"
+}
+
+own_sources() {
+  git ls-files -co --exclude-standard -- 'src/*.h' 'src/*.cpp' 'platform/*.h' 'platform/*.cpp' 'tests/*.h' \
+    'tests/*.cpp' 'tests/*.c'
+}
+
+build() {
+  cmake --preset "$1" -G Ninja >/dev/null
+  cmake --build --preset "$1"
+}
+
+count() {  # count FILE PATTERN: adds the number that PATTERN captures in FILE
+  sed -nE "s/$2/\\1/p" "$1" | tail -n 1
+}
+
+run_tests() {  # run_tests BUILD_FOLDER
+  local folder=$1 output unit_total unit_failed system_passed system_failed status=0
+  output=$(mktemp)
+  ctest --test-dir "$folder" -j "$jobs" --output-on-failure --timeout 300 >"$output" 2>&1 || status=1
+  grep -vE '^ *[0-9]+/[0-9]+ Test .* Passed|^ +Start ' "$output" || true
+  unit_total=$(count "$output" '.* tests failed out of ([0-9]+).*')
+  unit_failed=$(count "$output" '.*, ([0-9]+) tests failed out of.*')
+  ORVEL_BIN=$PWD/$folder/bin/orvel $python -m pytest tests/system -q -n "$workers" --dist worksteal -p no:cacheprovider \
+    >"$output" 2>&1 || status=1
+  tail -n 60 "$output"
+  system_passed=$(count "$output" '.*[^0-9]([0-9]+) passed.*')
+  [[ -n $system_passed ]] || system_passed=$(count "$output" '^([0-9]+) passed.*')
+  system_failed=$(count "$output" '^(.*[^0-9])?([0-9]+) failed.*')
+  rm -f "$output"
+  total_passed=$((total_passed + ${unit_total:-0} - ${unit_failed:-0} + ${system_passed:-0}))
+  total_failed=$((total_failed + ${unit_failed:-0}))
+  [[ $status -eq 0 ]] || { total_failed=$((total_failed + 1)); finish; exit 1; }
+}
+
+run_style() {
+  stage "format, includes, behaviours"
+  own_sources | xargs clang-format --dry-run -Werror
+  $python scripts/check-includes.py
+  $python scripts/check-behaviour.py
+}
+
+run_plain() {
+  stage "release build and tests"
+  build release
+  run_tests build
+}
+
+run_clang() {
+  stage "clang build with thread-safety analysis, clang-tidy"
+  CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF >/dev/null
+  cmake --build build-clang
+  git ls-files -co --exclude-standard -- 'src/*.cpp' 'platform/*.cpp' |
+    xargs -P "$jobs" -n 4 clang-tidy -p build-clang --quiet 2>/dev/null
+}
+
+run_install() {
+  stage "installation, and a build against the installed settings library"
+  local prefix
+  prefix=$(mktemp -d)
+  [[ -d build ]] || build release
+  cmake --install build --prefix "$prefix" >/dev/null
+  "$prefix/bin/orvel" --version
+  CMAKE_PREFIX_PATH=$prefix cmake -S . -B build-system -G Ninja -DORVEL_USI=system -DBUILD_TESTING=OFF >/dev/null
+  cmake --build build-system
+  build-system/bin/orvel --version
+  rm -rf "$prefix"
+}
+
+run_asan() {
+  stage "address, leak and undefined-behaviour sanitizers"
+  build asan
+  run_tests build-asan
+}
+
+run_tsan() {
+  stage "thread sanitizer"
+  build tsan
+  run_tests build-tsan
+}
+
+finish() {
+  echo
+  echo "$total_passed passed, $total_failed failed"
+}
+
+stages=("$@")
+[[ $# -gt 0 ]] || stages=(style plain clang install asan tsan)
+for name in "${stages[@]}"; do
+  case $name in
+    style | plain | clang | install | asan | tsan) "run_$name" ;;
+    *) echo "test.sh: no stage '$name'" >&2; exit 2 ;;
+  esac
+done
+finish
