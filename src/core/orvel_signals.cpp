@@ -90,11 +90,12 @@ bool only_breaks_a_call(const siginfo_t* info) {
 void note_signal(int number, siginfo_t* info, void* /*context*/) {
   if (only_breaks_a_call(info)) return;
   const int saved_errno = errno;
-  for (unsigned char i = 0; i < std::size(handled); ++i) {
+  for (size_t i = 0; i < std::size(handled); ++i) {
     if (handled[i].number != number) continue;
     signals.arrived[i] = 1;
     // A full pipe loses nothing: its reader looks at the flags afterwards.
-    [[maybe_unused]] const ssize_t written = write(signals.write_end, &i, sizeof i);
+    const auto order = static_cast<unsigned char>(i);
+    [[maybe_unused]] const ssize_t written = write(signals.write_end, &order, sizeof order);
   }
   errno = saved_errno;
 }
