@@ -2,8 +2,10 @@
 
 #include "control_fixture.h"
 
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
@@ -122,5 +124,21 @@ TEST_F(IncomingRequestTest, TheOwnHandlerNameIsReadUntilItIsSetAndThenKept) {
   EXPECT_EQ(local.execute(text.data(), static_cast<uint32_t>(text.size())), 0);
   EXPECT_EQ(http_requests_paused(), 1);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Under a sanitizer the address space can't be limited.
+class IncomingRequestDeathTest : public IncomingRequestTest {};
+
+TEST_F(IncomingRequestDeathTest, LackOfMemoryEndsTheProcess) {
+  const auto handle_with_little_memory = [this] {
+    options.console_log = true;
+    options.log_level = level_error;
+    const rlimit limit{size_t{1} << 30, RLIM_INFINITY};
+    setrlimit(RLIMIT_AS, &limit);
+    std::_Exit(handle_incoming_request(nullptr, UINT32_MAX, &settings));
+  };
+  EXPECT_EXIT(handle_with_little_memory(), testing::ExitedWithCode(255), "malloc\\(\\)\\.");
+}
+#endif
 
 }  // namespace

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <gmock/gmock.h>
+#include <iterator>
 #include <poll.h>
 #include <string>
 #include <sys/resource.h>
@@ -363,6 +365,61 @@ TEST_F(ControlListenerTest, AFailedAcceptEndsTheThread) {
   setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_THAT(text, has_in_order({"WARNING: accept(). errno: " + std::to_string(EMFILE) + ".\n",
                                   "end control listener thread.\n"}));
+}
+
+size_t open_descriptors() {
+  const std::filesystem::directory_iterator all{"/proc/self/fd"};
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+TEST_F(ControlListenerTest, AFailedWaitEndsTheThread) {
+  log_capture log;
+  start();
+  EXPECT_EQ(ask("x"), R"({"result":-1})");  // now it listens, and has closed what it opened
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const size_t idle = open_descriptors();
+  const fd_owner client = connect_client();
+  while (open_descriptors() < idle + 2) {  // the client's end and the accepted one
+    std::this_thread::sleep_for(std::chrono::milliseconds{1});
+  }
+  // A wait on more descriptors than the process may have is refused.
+  const rlimit too_few{1, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &too_few);
+  shutdown(client.get(), SHUT_WR);
+  EXPECT_EQ(read_all(client.get()), R"({"result":-1})");
+  pthread_join(thread, nullptr);
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_THAT(log.text(), has_in_order({"WARNING: select(). errno: " + std::to_string(EINVAL) + ".\n",
+                                        "end control listener thread.\n"}));
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+// The address sanitizer needs a descriptor for each thread that starts.
+TEST_F(ControlListenerTest, AMissingSocketEndsTheThread) {
+  log_capture log;
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  start();
+  pthread_join(thread, nullptr);
+  setrlimit(RLIMIT_NOFILE, &before);
+  const std::string text = log.text();
+  EXPECT_THAT(text, HasSubstr("WARNING: socket(). errno: " + std::to_string(EMFILE) + ".\n"));
+  EXPECT_THAT(text, Not(HasSubstr("end control listener thread")));
+}
+#endif
+
+// A folder is always readable to poll() and never to read().
+TEST_F(ControlListenerTest, AFailedReadOfThePipeEndsTheThread) {
+  log_capture log;
+  pipe_read_end.reset(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  start();
+  EXPECT_THAT(stop(&log, true),
+              has_in_order({"received message in control listener pipe!\n",
+                            "WARNING: read() error " + std::to_string(EISDIR) + " from pipe\n",
+                            "end control listener thread.\n"}));
 }
 
 // --- ends of the process

@@ -20,32 +20,32 @@ TEST(MessageSenderEndpoint, EndpointsAreCountedByTheirCommas) {
 
 struct endpoint_case {
   const char* value;
-  int index;
   const char* address;
   const char* port;
+  int index;
   bool has_port;
 };
 
 TEST(MessageSenderEndpoint, ValueIsTakenApartAtCommasAndFirstColons) {
   constexpr endpoint_case cases[] = {
-      {"localhost:80", 0, "localhost", "80", true},
-      {"a:1,b:2", 0, "a", "1", true},
-      {"a:1,b:2", 1, "b", "2", true},
-      {"/run/one,b:2,/run/three", 0, "/run/one", "", false},
-      {"/run/one,b:2,/run/three", 1, "b", "2", true},
-      {"/run/one,b:2,/run/three", 2, "/run/three", "", false},
-      {" a:1, b:2", 0, " a", "1", true},
-      {" a:1, b:2", 1, " b", "2", true},
-      {"a:b:c", 0, "a", "b:c", true},
-      {":80", 0, "", "80", true},
-      {"host:", 0, "host", "", true},
-      {":", 0, "", "", true},
-      {"", 0, "", "", false},
-      {"a:1,", 1, "", "", false},
-      {",b:2", 0, "", "", false},
-      {",b:2", 1, "b", "2", true},
-      {"host:1234567", 0, "host", "1234567", true},
-      {"host:12345678", 0, "host", "1234567", true},
+      {"localhost:80", "localhost", "80", 0, true},
+      {"a:1,b:2", "a", "1", 0, true},
+      {"a:1,b:2", "b", "2", 1, true},
+      {"/run/one,b:2,/run/three", "/run/one", "", 0, false},
+      {"/run/one,b:2,/run/three", "b", "2", 1, true},
+      {"/run/one,b:2,/run/three", "/run/three", "", 2, false},
+      {" a:1, b:2", " a", "1", 0, true},
+      {" a:1, b:2", " b", "2", 1, true},
+      {"a:b:c", "a", "b:c", 0, true},
+      {":80", "", "80", 0, true},
+      {"host:", "host", "", 0, true},
+      {":", "", "", 0, true},
+      {"", "", "", 0, false},
+      {"a:1,", "", "", 1, false},
+      {",b:2", "", "", 0, false},
+      {",b:2", "b", "2", 1, true},
+      {"host:1234567", "host", "1234567", 0, true},
+      {"host:12345678", "host", "1234567", 0, true},
   };
   for (const endpoint_case& each : cases) {
     const endpoint_text endpoint = endpoint_at(each.value, each.index);
