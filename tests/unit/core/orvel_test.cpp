@@ -2,6 +2,8 @@
 
 #include "core/owned.h"
 
+#include "child_process.h"
+
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -32,6 +34,24 @@ TEST_F(StrAppendTest, AppendsInOrder) {
 TEST_F(StrAppendTest, NothingToStoreLeavesNull) {
   str_append(&text, "");
   EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(StrAppendTest, WithoutMemoryTheTextStaysAsItIs) {
+  if (under_sanitizer) GTEST_SKIP() << "a sanitizer ends the process instead";
+  const child_result child = run_in_child([] {
+    constexpr size_t large = 64U << 20U;
+    const c_string piece{static_cast<char*>(std::malloc(large))};
+    std::memset(piece.get(), 'x', large - 1);
+    piece.get()[large - 1] = '\0';
+    char* held = nullptr;
+    str_append(&held, "held");
+    char* const before = held;
+    set_limit(RLIMIT_AS, large);  // less than is in use
+    str_append(&held, piece.get());
+    return held == before && std::strcmp(held, "held") == 0 ? 42 : 1;
+  });
+  EXPECT_EQ(child.status, 42);
+  EXPECT_EQ(child.console, "");
 }
 
 class ResolveLinkTest : public testing::Test {
@@ -66,6 +86,15 @@ TEST(SignalMaskTest, ClearingLetsEverySignalThrough) {
   EXPECT_EQ(clear_thread_signal_mask(), 0);
   pthread_sigmask(SIG_SETMASK, &before, &blocked);
   EXPECT_EQ(sigismember(&blocked, SIGUSR2), 0);
+}
+
+TEST(OrvelMainTest, WithoutSettingsItEndsTheProcessWithStatus1) {
+  const child_result child = run_in_child([]() -> int {
+    orvel_main(nullptr);
+    return 42;
+  });
+  EXPECT_EQ(child.status, 1);
+  EXPECT_EQ(messages(child.console), std::vector<std::string>{"DEBUG: orvel_main..."});
 }
 
 }  // namespace
