@@ -84,6 +84,15 @@ void restore_default_actions() {
   }
 }
 
+// Whatever is open above standard error goes with the exec, the report pipe included.
+void close_others_on_exec() {
+  if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
+  const long limit = sysconf(_SC_OPEN_MAX);  // kernels before 5.11
+  for (int fd = STDERR_FILENO + 1; fd < (limit < 0 ? 256 : limit); ++fd) {
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+  }
+}
+
 // The worker blocks every signal, so none of the agent's handlers runs here before the default actions are back.
 [[noreturn]] void become_program(const char* path, int message_read, int message_write, int report) {
   restore_default_actions();
@@ -97,8 +106,7 @@ void restore_default_actions() {
   umask(0);
   if (chdir("/") != 0) give_up(report, child_step::change_folder);
 
-  // Whatever is open above standard error goes with the exec, the report pipe included.
-  close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+  close_others_on_exec();
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
