@@ -1,0 +1,615 @@
+"""The broker session: whom it asks, what it says, how it waits, and every way in which it ends."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import re
+import resource
+import signal
+import socket
+import subprocess
+import time
+from collections.abc import Callable
+from contextlib import ExitStack
+from pathlib import Path
+
+import pytest
+from orvel_lab import Agent, DeadlinePassed, Lab, Packet, Reply, Session, Type, wait_until
+from orvel_lab.agent import default_binary
+from orvel_lab.lab import TOKEN
+
+AN_HOUR = "3600"
+PIDFD_GETFD = 438
+IDLE_SECONDS = 2.5
+PATIENCE = 100
+
+
+@pytest.fixture
+def plain_lab(make_lab: Callable[..., Lab]) -> Lab:
+    """A claimed lab whose broker link is plain TCP."""
+    return make_lab(registered=True, claimed=True, tls=False)
+
+
+def connect(lab: Lab, *options: str) -> tuple[Agent, Session]:
+    """An agent with its whole log, and its session, once it waits for what the broker sends.
+
+    The broker has read the identity: closing with unread bytes would be a reset.
+    """
+    agent = lab.start_agent("--log_debug", *options)
+    session = lab.broker.expect_session()
+    session.wait_for_bytes(1)
+    agent.wait_for_line("Reading packet header.")
+    return agent, session
+
+
+def descriptor_of(agent: Agent, session: Session) -> int:
+    """The agent's descriptor of the connection, found by the port of its own end."""
+    # Others may use the same port for other destinations.
+    lines = [line.split() for line in Path(f"/proc/{agent.pid}/net/tcp").read_text().splitlines()[1:]]
+    links = {f"socket:[{line[9]}]" for line in lines if line[1].endswith(f":{session.peer[1]:04X}")}
+    for descriptor in Path(f"/proc/{agent.pid}/fd").iterdir():
+        try:
+            if os.readlink(descriptor) in links:
+                return int(descriptor.name)
+        except FileNotFoundError:
+            continue  # another thread's, closed meanwhile
+    raise AssertionError(f"no descriptor of {agent.pid} is the connection from port {session.peer[1]}")
+
+
+def agents_socket(agent: Agent, session: Session) -> socket.socket:
+    """A copy of the agent's own end of the connection, to look at its options."""
+    pidfd = os.pidfd_open(agent.pid)
+    try:
+        copy = ctypes.CDLL(None, use_errno=True).syscall(PIDFD_GETFD, pidfd, descriptor_of(agent, session), 0)
+    finally:
+        os.close(pidfd)
+    if copy < 0:
+        pytest.skip(f"this system does not hand descriptors over: {os.strerror(ctypes.get_errno())}")
+    return socket.socket(fileno=copy)
+
+
+def sleeps(agent: Agent) -> dict[str, str]:
+    """What each thread is doing, and how often it has gone to sleep so far; a wake-up makes one more."""
+    lines = r"^(?:State|voluntary_ctxt_switches):\s*(\w+)"
+    tasks = Path(f"/proc/{agent.pid}/task").iterdir()
+    return {task.name: " ".join(re.findall(lines, (task / "status").read_text(), re.MULTILINE)) for task in tasks}
+
+
+def wait_at_rest(agent: Agent) -> dict[str, str]:
+    """Waits until every thread sleeps and stays asleep; gives what sleeps() says then."""
+    seen = [sleeps(agent)]
+
+    def is_at_rest() -> bool:
+        seen.append(sleeps(agent))
+        return seen[-1] == seen[-2] and all(thread.startswith("S ") for thread in seen[-1].values())
+
+    wait_until(is_at_rest, "all threads at rest")
+    return seen[-1]
+
+
+def fill_backlog(stack: ExitStack, port: int) -> None:
+    """Connects until the listener takes no more; the connections live as long as the stack."""
+    for _ in range(4):
+        client = stack.enter_context(socket.socket())
+        client.setblocking(False)
+        client.connect_ex(("127.0.0.1", port))
+
+
+def sanitized() -> bool:
+    """Does the agent run under a sanitizer? Some of these have threads of their own that wake up."""
+    program = default_binary().read_bytes()
+    return b"__asan_init" in program or b"__tsan_init" in program
+
+
+def seconds_between_requests(lab: Lab, count: int) -> float:
+    """From the advisor request before the `count`-th to the `count`-th."""
+    second = lab.cloud.wait_for_request("advisor", count)
+    return second.time - lab.cloud.requests("advisor")[count - 2].time
+
+
+class TestIdentity:
+    def test_the_advisors_token_identifies_the_agent(self, claimed_lab: Lab):
+        _, session = connect(claimed_lab)
+        assert session.wait_for_bytes(13) == b"\x01\x01\x00\x09" + TOKEN
+
+    def test_a_token_may_hold_any_byte(self, make_lab):
+        token = bytes(range(256)) * 100
+        _, session = connect(make_lab(registered=True, claimed=True, token=token))
+        assert session.expect_identity() == Packet(Type.IDENTITY_TOKEN, (token,))
+
+    def test_without_a_token_the_agent_id_identifies_it(self, make_lab):
+        lab = make_lab(registered=True, claimed=True, token=None)
+        _, session = connect(lab)
+        agent_id = lab.settings["q_agent_id"].encode()
+        assert session.wait_for_bytes(20) == b"\x00\x01\x00\x10" + agent_id
+
+    @pytest.mark.parametrize("token", ["not base64", "YWJj!", "YWJ", "YWI=YWI="])
+    def test_a_token_that_is_not_base64_counts_as_absent(self, claimed_lab: Lab, token: str):
+        claimed_lab.cloud.advice["token"] = token
+        _, session = connect(claimed_lab)
+        agent_id = claimed_lab.settings["q_agent_id"].encode()
+        assert session.expect_identity() == Packet(Type.IDENTITY_AGENT_ID, (agent_id,))
+
+    def test_without_token_and_agent_id_the_process_ends(self, make_lab):
+        lab = make_lab(registered=True, claimed=True, token=None)
+        agent, session = connect(lab)
+        tool = default_binary().with_name("usi")
+        subprocess.run([tool, "-c", lab.settings_path, "unset", "q_agent_id"], check=True)
+        session.close()
+        assert agent.wait() == 1
+        agent.assert_logged("WARNING: Cannot get q_agent_id value.")
+
+
+class TestKeepalives:
+    def test_the_broker_gets_the_values_of_the_command_line(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab, "--broker_keepalive", "258,3,4294967")
+        identity = 4 + len(TOKEN)
+        sent = session.wait_for_bytes(identity + 16)[identity:]
+        assert sent == b"\x0a\x01\x00\x0c" + b"\x00\x00\x01\x02" + b"\x00\x00\x00\x03" + b"\x00\x41\x89\x37"
+        agent.assert_logged("DEBUG: keepalives sent to qbroker.")
+
+    def test_the_advisors_values_replace_those_of_the_command_line(self, claimed_lab: Lab):
+        claimed_lab.cloud.advice.update(agentKeepalive="70,6,7", brokerKeepalive="80,8,9")
+        agent, session = connect(claimed_lab, "--broker_keepalive", "1,2,3", "--agent_keepalive", "1,2,3")
+        assert session.expect(Type.KEEPALIVES).keepalives == (80, 8, 9)
+        with agents_socket(agent, session) as own_end:
+            assert own_end.getsockopt(socket.IPPROTO_TCP, socket.TCP_KEEPIDLE) == 70
+
+    @pytest.mark.parametrize("values", ["0,5,10", "60,0,10", "60,5,0"])
+    def test_one_value_of_0_means_no_keepalives(self, claimed_lab: Lab, values: str):
+        agent, session = connect(claimed_lab, "--broker_keepalive", values, "--agent_keepalive", values)
+        session.send_message("nobody")
+        agent.wait_for_line("handler_desc='q_handler_nobody'")
+        assert [packet.type for packet in session.packets.snapshot()] == [Type.IDENTITY_TOKEN]
+        agent.assert_not_logged("keepalives")
+
+    def test_the_agents_own_are_set_on_its_socket(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab, "--agent_keepalive", "60,5,10")
+        agent.assert_logged("DEBUG: keepalives values are set.")
+        with agents_socket(agent, session) as own_end:
+            assert own_end.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE) == 1
+            options = (socket.TCP_KEEPIDLE, socket.TCP_KEEPCNT, socket.TCP_KEEPINTVL)
+            assert [own_end.getsockopt(socket.IPPROTO_TCP, option) for option in options] == [60, 5, 10]
+
+    def test_without_values_keepalives_are_on_with_the_systems_values(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        with agents_socket(agent, session) as own_end, socket.socket() as fresh:
+            assert own_end.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE) == 1
+            assert not os.get_blocking(own_end.fileno())
+            systems = fresh.getsockopt(socket.IPPROTO_TCP, socket.TCP_KEEPIDLE)
+            assert own_end.getsockopt(socket.IPPROTO_TCP, socket.TCP_KEEPIDLE) == systems
+
+    @pytest.mark.parametrize(
+        ("values", "option"),
+        [("99999,5,10", "TCP_KEEPIDLE"), ("60,999,10", "TCP_KEEPCNT"), ("60,5,99999", "TCP_KEEPINTVL")],
+    )
+    def test_values_that_the_system_refuses_are_logged_and_the_session_goes_on(
+        self, claimed_lab: Lab, values: str, option: str
+    ):
+        agent, session = connect(claimed_lab, "--agent_keepalive", values)
+        agent.assert_logged(
+            f"WARNING: Cannot set {option} - setsockopt(): Invalid argument.",
+            "WARNING: Cannot set keepalives to connection with qbroker - possibly connection status will be "
+            "unsynchronized.",
+        )
+        session.send_message("nobody")
+        agent.wait_for_line("handler_desc='q_handler_nobody'")
+
+    def test_a_packet_that_can_not_be_sent_ends_the_session_after_a_short_connected_state(self, plain_lab: Lab):
+        plain_lab.settings["q_qbroker_delay"] = "0"
+        agent = plain_lab.start_agent("--log_debug", "--broker_keepalive", "60,5,10")
+        # The first write to a closed peer succeeds, the second fails. A peer that closes early enough is soon had.
+        for _ in range(PATIENCE):
+            plain_lab.broker.expect_connection().cut()
+            if agent.count("Cannot send keepalives to qbroker."):
+                break
+        failure = "WARNING: Cannot send keepalives to qbroker."
+        agent.wait_for_line(failure)
+        for text in ("ERROR: connected", "Reading packet header.", "keep_connection=1, success=0.", "disconnected"):
+            agent.wait_for_line(text)
+
+
+class TestHeartbeats:
+    def test_the_first_one_comes_after_its_seconds(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        packet = session.expect(Type.HEARTBEAT)
+        assert time.time() - session.opened_at >= 1
+        assert packet.encode()[:12] == b"\x0b\x01\x00\x10" + b"\0\0\0\0\0\0\0\x01"
+        assert int(session.opened_at) <= packet.sent_at <= time.time()
+        agent.wait_for_line("DEBUG: heartbeat with seq number 1 was sent.")
+
+    def test_an_answered_one_is_followed_by_the_next(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        assert [session.expect(Type.HEARTBEAT).sequence for _ in range(2)] == [1, 2]
+        agent.wait_for_line("DEBUG: Received heartbeat response with sequence number 1, latest sent was 1.")
+        agent.wait_for_line("DEBUG: heartbeat OK!")
+        agent.wait_for_line("DEBUG: heartbeat with seq number 2 was sent.")
+        assert agent.count("heartbeat OK!") == 1
+
+    def test_the_advisors_seconds_replace_those_of_the_command_line(self, claimed_lab: Lab):
+        claimed_lab.cloud.advice["agentHeartbeat"] = "1"
+        _, session = connect(claimed_lab, "--agent_heartbeat", AN_HOUR)
+        assert session.expect(Type.HEARTBEAT).sequence == 1
+
+    def test_numbers_go_on_over_reconnections(self, claimed_lab: Lab):
+        claimed_lab.settings["q_qbroker_delay"] = "0"
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        assert session.expect(Type.HEARTBEAT).sequence == 1
+        session.close()
+        assert claimed_lab.broker.expect_session().expect(Type.HEARTBEAT).sequence == 2
+        agent.assert_not_logged("heartbeat OK!")  # the first one of a connection is sent without a check
+
+    def test_a_missing_answer_closes_and_reconnects_without_delay(self, claimed_lab: Lab):
+        claimed_lab.settings["q_qbroker_delay"] = AN_HOUR
+        claimed_lab.broker.answer_heartbeats = False
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        assert session.wait_ended() == "agent closed"
+        assert [packet.type for packet in session.packets.snapshot()] == [Type.IDENTITY_TOKEN, Type.HEARTBEAT]
+        # A connection that never had a heartbeat is not judged by the one that was missed on the last.
+        assert claimed_lab.broker.expect_session().expect(Type.HEARTBEAT).sequence == 2
+        agent.wait_for_line("WARNING: latest heartbeat is not received! Sending command to close connection.")
+        agent.wait_for_line("DEBUG: keep_connection=1, success=1.")
+        agent.assert_not_logged("Connection to qbroker was closed.", "Cannot send command")
+
+    def test_an_answer_to_an_older_one_counts_as_missing(self, claimed_lab: Lab):
+        claimed_lab.broker.answer_heartbeats = False
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        session.expect(Type.HEARTBEAT)
+        session.send_heartbeat_response(0)
+        agent.wait_for_line("Received heartbeat response with sequence number 0, latest sent was 1.")
+        agent.wait_for_line("latest heartbeat is not received! Sending command to close connection.")
+        assert session.wait_ended() == "agent closed"
+
+    @pytest.mark.parametrize("size", [1, 15, 17, 20])
+    def test_an_answer_of_another_size_is_warned_about_and_ignored(self, claimed_lab: Lab, size: int):
+        agent, session = connect(claimed_lab)
+        session.send(Packet(Type.HEARTBEAT_RESPONSE, (bytes(size),)))
+        warning = "WARNING: Size of hearbeat responce is more than we expected. Expected 16, but received "
+        agent.wait_for_line(f"{warning}{size}.")
+        session.send_message("nobody")
+        agent.wait_for_line("handler_desc='q_handler_nobody'")
+        agent.assert_not_logged("Received heartbeat response")
+
+    def test_an_answer_that_nobody_asked_for_is_stored(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        session.send_heartbeat_response(2**64 - 1)
+        agent.wait_for_line(f"Received heartbeat response with sequence number {2**64 - 1}, latest sent was 0.")
+
+
+class TestIdle:
+    @pytest.mark.parametrize("advised", [None, "0", "-1"])
+    def test_a_connected_agent_makes_no_wake_up(self, claimed_lab: Lab, advised: str | None):
+        """No heartbeats by default, and none when the advisor takes back those of the command line."""
+        options = []
+        if advised is not None:
+            claimed_lab.cloud.advice["agentHeartbeat"] = advised
+            options = ["--agent_heartbeat", "1"]
+        agent, session = connect(claimed_lab, *options)
+        claimed_lab.event_sink.wait_for_document(event=4, connected=True)
+        at_rest = wait_at_rest(agent)
+        with pytest.raises(DeadlinePassed):
+            session.expect(Type.HEARTBEAT, deadline=IDLE_SECONDS)
+        if not sanitized():
+            assert sleeps(agent) == at_rest
+
+
+class TestAdvisor:
+    def test_it_is_asked_again_after_the_seconds_that_it_named(self, claimed_lab: Lab):
+        claimed_lab.cloud.script("advisor", Reply(body={"_type": "ActionWait", "period": 1}))
+        agent, _ = connect(claimed_lab)
+        assert seconds_between_requests(claimed_lab, 2) >= 1
+        agent.assert_logged(
+            "DEBUG: Making advisor request for qbroker address.",
+            "DEBUG: Wait command received from adviser. Sleeping for 1 secs.",
+        )
+
+    def test_a_wait_without_seconds_lasts_until_a_user_signal(self, claimed_lab: Lab):
+        claimed_lab.cloud.script("advisor", Reply(body={"_type": "ActionWait", "period": 0}))
+        agent = claimed_lab.start_agent("--log_debug")
+        agent.wait_for_line("DEBUG: 'wait forever' command received from adviser. Sleeping forever.")
+        wait_at_rest(agent)
+        agent.signal(signal.SIGUSR1)
+        agent.wait_for_line("DEBUG: Exiting sleeping sleep_forever_interruptable.")
+        claimed_lab.broker.expect_session()
+
+    def test_a_resume_ends_no_wait_for_ever_and_starts_no_second_thread(self, claimed_lab: Lab):
+        claimed_lab.cloud.advise_wait(0)
+        agent = claimed_lab.start_agent("--log_debug")
+        agent.wait_for_line("Sleeping forever.")
+        assert agent.control.command("resume_connections") == 0
+        agent.wait_for_line("WARNING: qbroker thread already started.")
+        wait_at_rest(agent)
+        agent.signal(signal.SIGUSR1)
+        agent.wait_for_line("Sleeping forever.")
+        assert agent.control.command("pause_connections") == 0
+        # One request for the start and one for the signal: the resume gave no third.
+        assert len(claimed_lab.cloud.requests("advisor")) == 2
+
+    def test_a_user_signal_ends_a_wait_of_some_seconds_too(self, claimed_lab: Lab):
+        claimed_lab.cloud.script("advisor", Reply(body={"_type": "ActionWait", "period": 3600}))
+        agent = claimed_lab.start_agent("--log_debug")
+        agent.wait_for_line("Sleeping for 3600 secs.")
+        wait_at_rest(agent)
+        agent.signal(signal.SIGUSR1)
+        claimed_lab.broker.expect_session()
+
+    @pytest.mark.parametrize(
+        "reply",
+        [
+            Reply(500),
+            Reply(body="<html>"),
+            Reply(body=b""),
+            Reply(body={"_type": "ActionConnect"}),
+            Reply(body={"_type": "ActionDance", "broker": "localhost"}),
+            Reply(body={"_type": "ActionWait"}),
+            Reply(end="reset", cut=0),
+        ],
+        ids=["500", "html", "empty", "no broker", "unknown action", "no period", "reset"],
+    )
+    def test_after_a_useless_answer_it_is_asked_again_after_the_advisor_delay(self, claimed_lab: Lab, reply: Reply):
+        claimed_lab.settings["q_qbroker_delay"] = AN_HOUR
+        claimed_lab.cloud.script("advisor", reply)
+        agent, _ = connect(claimed_lab)
+        assert seconds_between_requests(claimed_lab, 2) >= 1
+        assert agent.count("Making advisor request for qbroker address.") == 2
+        assert agent.count("qbroker_host=") == 1
+
+    @pytest.mark.parametrize("port", [None, "0"])
+    def test_without_a_port_of_its_own_the_stored_one_counts(self, claimed_lab: Lab, port: str | None):
+        claimed_lab.cloud.advise_connect("localhost", port, TOKEN)
+        agent, _ = connect(claimed_lab)
+        agent.assert_logged(f"INFO: qbroker_host=localhost, qbroker_port={claimed_lab.broker.port}, using ssl=1")
+
+    def test_the_stored_port_is_443_when_unset(self, claimed_lab: Lab):
+        del claimed_lab.settings["q_broker_port"]
+        claimed_lab.cloud.advise_connect("localhost", None, TOKEN)
+        agent = claimed_lab.start_agent("--log_info")
+        agent.wait_for_line("INFO: qbroker_host=localhost, qbroker_port=443, using ssl=1")
+
+    def test_the_advisors_port_comes_before_the_stored_one(self, claimed_lab: Lab):
+        claimed_lab.settings["q_broker_port"] = str(claimed_lab.reserve_port())
+        connect(claimed_lab)
+
+
+class TestTlsSwitch:
+    def test_the_broker_link_is_plain_when_it_is_switched_off(self, plain_lab: Lab):
+        agent, session = connect(plain_lab)
+        assert session.expect_identity().text == TOKEN.decode()
+        assert session.tls_version is None
+        agent.assert_logged("using ssl=0")
+
+    def test_it_is_tls_when_nothing_is_said(self, claimed_lab: Lab):
+        del claimed_lab.settings["q_broker_ssl"]
+        agent, session = connect(claimed_lab)
+        assert session.tls_version == "TLSv1.2"
+        agent.assert_logged("using ssl=1")
+
+
+class TestEnds:
+    def test_a_broker_that_closes_is_left_and_asked_for_again_after_the_delay(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        closed_at = time.time()
+        session.close()
+        for text in (
+            "ERROR: SSL_read == 0 errno: 'Success'.",
+            "ERROR: Other end disconnected.",
+            "DEBUG: Other end disconnected.",
+            "DEBUG: keep_connection=1, success=0.",
+            "ERROR: disconnected",
+            "WARNING: Connection to qbroker was closed. Sleeping for 1 secs.",
+            "DEBUG: Making advisor request for qbroker address.",
+        ):
+            agent.wait_for_line(text)
+        assert claimed_lab.cloud.wait_for_request("advisor", 2).time - closed_at >= 1
+        claimed_lab.broker.expect_session()
+
+    def test_both_states_are_recorded_and_told(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        claimed_lab.event_sink.wait_for_document(event=4, connected=True)
+        claimed_lab.wait_for_setting("q_agent_connected", "1")
+        assert agent.control.command("pause_connections") == 0
+        assert session.wait_ended() == "agent closed"
+        claimed_lab.event_sink.wait_for_document(event=4, connected=False)
+        claimed_lab.wait_for_setting("q_agent_connected", "0")
+
+    @pytest.mark.parametrize("tls", [True, False], ids=["tls", "tcp"])
+    @pytest.mark.parametrize("end", ["close", "cut", "reset", "half_close"])
+    def test_every_way_of_ending_is_noticed_and_a_new_session_begins(self, make_lab, tls: bool, end: str):
+        lab = make_lab(registered=True, claimed=True, tls=tls)
+        agent, session = connect(lab)
+        getattr(session, end)()
+        lab.broker.expect_session().expect_identity()
+        agent.wait_for_line("keep_connection=1, success=0.")
+        assert agent.count("Other end disconnected.") == (0 if end == "reset" else 2)
+
+    def test_a_reset_under_tls_is_described(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        session.reset()
+        for text in (
+            "ERROR: SSL_read < 0 errno: 'Connection reset by peer'.",
+            "ERROR: openssl read error: 'SSL_ERROR_SYSCALL', errno: 'Connection reset by peer'.",
+            "WARNING: openssl read result: '-1', error: '5', errno: '104'.",
+        ):
+            agent.wait_for_line(text)
+
+    def test_without_a_delay_nothing_is_said_about_sleeping(self, claimed_lab: Lab):
+        claimed_lab.settings["q_qbroker_delay"] = "0"
+        agent, session = connect(claimed_lab)
+        session.close()
+        claimed_lab.broker.expect_session()
+        agent.assert_not_logged("Connection to qbroker was closed.", "exit sleep_for")
+
+    def test_a_user_signal_ends_the_delay(self, claimed_lab: Lab):
+        claimed_lab.settings["q_qbroker_delay"] = AN_HOUR
+        agent, session = connect(claimed_lab)
+        session.close()
+        agent.wait_for_line("Connection to qbroker was closed. Sleeping for 3600 secs.")
+        wait_at_rest(agent)
+        agent.signal(signal.SIGUSR1)
+        claimed_lab.broker.expect_session()
+
+    def test_a_user_signal_leaves_a_session_alone(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        sink = claimed_lab.tcp_handler("late")
+        claimed_lab.change_setting("q_handler_late", sink.endpoint)
+        for number in range(5):
+            agent.signal(signal.SIGUSR1)
+            session.send_message("late", b"%d" % number)
+            assert sink.expect() == b"%d" % number
+        assert session.open
+
+    def test_a_wait_that_fails_ends_the_session(self, plain_lab: Lab):
+        agent, session = connect(plain_lab)
+        soft, hard = resource.prlimit(agent.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (1, hard))  # poll(2) wants no more than that
+        session.send(Packet(99, ()))
+        agent.wait_for_line("WARNING: select error 22.")
+        resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (soft, hard))
+        agent.wait_for_line("DEBUG: keep_connection=1, success=0.")
+        plain_lab.broker.expect_session().expect_identity()
+
+    def test_a_broker_that_sends_one_byte_now_and_then_is_listened_to(self, claimed_lab: Lab):
+        sink = claimed_lab.tcp_handler("slow")
+        _, session = connect(claimed_lab)
+        session.drip(Packet(Type.PLAIN_MESSAGE, (b"slow", b"x")), seconds=0.2)
+        assert sink.expect() == b"x"
+
+
+class TestCommandPipe:
+    def test_a_session_without_one_runs_and_a_missed_heartbeat_still_closes_it(self, plain_lab: Lab):
+        plain_lab.broker.answer_heartbeats = False
+        agent, session = connect(plain_lab)
+        advice = Reply(body={**plain_lab.cloud.advice, "agentHeartbeat": "1"}, stall=True)
+        plain_lab.cloud.script("advisor", advice)
+        soft, hard = resource.prlimit(agent.pid, resource.RLIMIT_NOFILE)
+        descriptor = descriptor_of(agent, session)
+        session.close()
+        plain_lab.event_sink.wait_for_document(event=4, connected=False)
+        plain_lab.cloud.wait_for_request("advisor", 2)
+        wait_at_rest(agent)
+        resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (descriptor + 1, hard))  # room for the socket alone
+        advice.release()
+        agent.wait_for_line("Connected to qbroker.")
+        agent.wait_for_line(re.compile(r"DEBUG: qbroker_connection:qbroker_connect:\d+: error 24$"))
+        resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (soft, hard))
+        session = plain_lab.broker.expect_session()
+        session.expect_identity()
+        agent.wait_for_line("latest heartbeat is not received! Sending command to close connection.")
+        agent.wait_for_line("WARNING: Cannot send command '99' to qbroker thread - write end is not initialized.")
+        assert session.wait_ended() == "agent closed"
+
+
+class TestStop:
+    """Whatever the session does, `pause_connections` ends it and returns."""
+
+    def stop(self, agent: Agent, *texts: str) -> None:
+        assert agent.control.command("pause_connections") == 0
+        agent.wait_for_line("DEBUG: stoping qbroker thread.")
+        for text in (*texts, "DEBUG: exiting msg_processor thread.", "DEBUG: exiting qbroker_connection_thread"):
+            agent.wait_for_line(text)
+        agent.wait_for_line("DEBUG: qbroker thread stoped.")
+
+    def test_the_thread_tells_its_life(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab)
+        agent.assert_logged(
+            "DEBUG: starting qbroker thread.",
+            "DEBUG: qbroker thread started.",
+            "DEBUG: enter qbroker_connection_thread",
+            "DEBUG: Connected to qbroker.",
+        )
+        self.stop(agent, "keep_connection=0, success=1.", "disconnected")
+        assert session.wait_ended() == "agent closed"
+
+    def test_a_stop_without_a_thread_warns(self, claimed_lab: Lab):
+        agent, _ = connect(claimed_lab)
+        self.stop(agent)
+        assert agent.control.command("pause_connections") == 0
+        agent.wait_for_line("DEBUG: stoping qbroker thread.")
+        agent.wait_for_line("WARNING: Trying to stop stopped/uncreated qbroker thread.")
+        agent.wait_for_line("DEBUG: qbroker thread stoped.")
+
+    def test_a_stopped_session_can_be_started_again(self, claimed_lab: Lab):
+        agent, _ = connect(claimed_lab)
+        for _ in range(3):
+            self.stop(agent)
+            assert agent.control.command("resume_connections") == 0
+            claimed_lab.broker.expect_session().expect_identity()
+
+    def test_while_the_advisor_stalls_it_takes_effect_after_the_requests_time_out(self, claimed_lab: Lab):
+        claimed_lab.settings["q_http_request_timeout"] = "1"
+        claimed_lab.cloud.script("advisor", Reply(stall=True))
+        agent = claimed_lab.start_agent("--log_debug")
+        claimed_lab.cloud.wait_for_request("advisor")
+        self.stop(agent, "Can't make advisor request.")
+        assert len(claimed_lab.cloud.requests("advisor")) == 1
+
+    def test_while_the_advisor_can_not_be_asked(self, claimed_lab: Lab):
+        claimed_lab.settings["q_advisor_delay"] = AN_HOUR
+        claimed_lab.cloud.script("advisor", Reply(500))
+        agent = claimed_lab.start_agent("--log_debug")
+        agent.wait_for_line("Invalid http code '500' from server.")
+        self.stop(agent, "exit sleep_for 3600 secs")
+
+    @pytest.mark.parametrize(("period", "end"), [(0, "Exiting sleeping"), (3600, "exit sleep_for 3600 secs")])
+    def test_while_it_waits_on_the_advisors_word(self, claimed_lab: Lab, period: int, end: str):
+        claimed_lab.cloud.advise_wait(period)
+        agent = claimed_lab.start_agent("--log_debug")
+        agent.wait_for_line("command received from adviser.")
+        self.stop(agent, end)
+
+    def test_while_it_waits_to_reconnect(self, claimed_lab: Lab):
+        claimed_lab.settings["q_qbroker_delay"] = AN_HOUR
+        agent, session = connect(claimed_lab)
+        session.close()
+        agent.wait_for_line("Sleeping for 3600 secs.")
+        self.stop(agent, "exit sleep_for 3600 secs")
+
+    def test_while_it_connects_to_a_broker_that_accepts_nobody(self, claimed_lab: Lab):
+        with ExitStack() as stack:
+            full = stack.enter_context(socket.socket())
+            full.bind(("127.0.0.1", 0))
+            full.listen(0)
+            port = full.getsockname()[1]
+            fill_backlog(stack, port)
+            claimed_lab.cloud.advise_connect("localhost", port, TOKEN)
+            agent = claimed_lab.start_agent("--log_debug")
+            agent.wait_for_line(f"qbroker_port={port}")
+            wait_at_rest(agent)
+            interrupted = "errno=4 - Interrupted system call."
+            self.stop(
+                agent,
+                f"WARNING: Can't connect to server, {interrupted}",
+                f"WARNING: Can't connect to 'localhost':{port}, {interrupted}",
+                "keep_connection=0, success=1.",
+            )
+
+    def test_while_tls_waits_for_a_silent_broker(self, claimed_lab: Lab):
+        claimed_lab.broker.plan("stall")
+        agent = claimed_lab.start_agent("--log_debug")
+        claimed_lab.broker.expect_connection()
+        self.stop(agent, "WARNING: Could not connect to SSL server ", "keep_connection=0, success=1.")
+
+    def test_while_heartbeats_run(self, claimed_lab: Lab):
+        agent, session = connect(claimed_lab, "--agent_heartbeat", "1")
+        session.expect(Type.HEARTBEAT)
+        self.stop(agent, "keep_connection=0, success=1.")
+
+    @pytest.mark.parametrize("state", ["asking", "waiting", "handshake", "connected"])
+    def test_sigterm_ends_the_process_in_every_state(self, claimed_lab: Lab, state: str):
+        if state == "asking":
+            claimed_lab.cloud.script("advisor", Reply(stall=True))
+        if state == "waiting":
+            claimed_lab.cloud.advise_wait(3600)
+        if state == "handshake":
+            claimed_lab.broker.plan("stall")
+        agent = claimed_lab.start_agent("--log_debug")
+        claimed_lab.cloud.wait_for_request("advisor")
+        if state == "waiting":
+            agent.wait_for_line("Sleeping for 3600 secs.")
+        if state == "handshake":
+            claimed_lab.broker.expect_connection()
+        if state == "connected":
+            agent.wait_for_line("Reading packet header.")
+        assert agent.stop() == 0
+        assert not agent.pid_file.exists()
