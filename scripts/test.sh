@@ -46,7 +46,7 @@ run_tests() {  # run_tests BUILD_FOLDER
   grep -vE '^ *[0-9]+/[0-9]+ Test .* Passed|^ +Start ' "$output" || true
   unit_total=$(count "$output" '.* tests failed out of ([0-9]+).*')
   unit_failed=$(count "$output" '.*, ([0-9]+) tests failed out of.*')
-  ORVEL_BIN=$PWD/$folder/bin/orvel $python -m pytest tests/system -q -n "$workers" --dist worksteal -p no:cacheprovider \
+  ORVEL_BIN=$PWD/$folder/bin/orvel $python -m pytest tests/system -q -n "$workers" -p no:cacheprovider \
     >"$output" 2>&1 || status=1
   tail -n 60 "$output"
   system_passed=$(count "$output" '.*[^0-9]([0-9]+) passed.*')

@@ -42,20 +42,25 @@ protected:
     release_settings(&settings);
   }
 
-  // A cloud that gives this answer to every request from now on. Not while a period is open: its thread may ask.
+  // A cloud that gives this answer to every request.
   void cloud_answers(int code, const char* body) {
     cloud = std::make_unique<http_test::server>(answer(code, body));
     for (char** url : {&settings.discovery_url, &settings.claimed_url}) {
-      std::free(*url);
-      *url = must_copy(cloud->url().c_str(), allocation_site{"test", __LINE__, "", 1});
+      point_to(url, *cloud);
     }
+  }
+  static void point_to(char** url, const http_test::server& server) {
+    std::free(*url);
+    *url = must_copy(server.url().c_str(), allocation_site{"test", __LINE__, "", 1});
   }
 
   int push(int seconds) {
     DiscoveryParams params{};
     params.service_id = service;
     params.discovery_time = seconds;
-    return push_discovery(&params, &settings);
+    const int result = push_discovery(&params, &settings);
+    if (discovery_active() == 1) has_thread = true;
+    return result;
   }
 
   // Wakes the discovery thread until the log holds this so many times: a wake-up just before a sleep is lost.
@@ -66,24 +71,27 @@ protected:
     });
   }
 
-  // The period of a claimed device ends at the next wake-up, and a push that fails joins the thread.
+  // The period of a claimed device ends at the next wake-up; a push that fails joins the ended thread.
   void end_period() {
-    EXPECT_TRUE(eventually([] {
+    if (!has_thread) return;
+    const http_test::server refusing{answer(500, "")};
+    point_to(&settings.discovery_url, refusing);
+    EXPECT_TRUE(eventually([&] {
       first_user_signal_action(SIGUSR1);
-      return discovery_active() == 0;
+      push(0);
+      return logged_so_far().find("after  join discovery thread.\n") != std::string::npos;
     }));
-    cloud_answers(500, "");
-    EXPECT_EQ(push(0), -5);
   }
 
+  log_capture log;  // for the whole test: the discovery thread logs too
   std::unique_ptr<http_test::server> cloud;
+  bool has_thread = false;
   char service[8] = "service";
 };
 
 TEST_F(DiscoveryTest, APushWithoutARequestIsRefused) {
-  log_capture log;
   EXPECT_EQ(push_discovery(nullptr, &settings), -9);
-  const std::string text = log.text();
+  const std::string text = logged_so_far();
   EXPECT_THAT(text, HasSubstr("DEBUG: pushing discovery.\n"));
   EXPECT_THAT(text, HasSubstr("WARNING: If you want to make discovery request, please provide service id\n"));
 }
@@ -98,43 +106,36 @@ TEST_F(DiscoveryTest, UptimeIsPositive) {
 
 TEST_F(DiscoveryTest, APushOpensAPeriodWithItsThreadAndSession) {
   cloud_answers(200, claimed);
-  log_capture log;
   EXPECT_EQ(push(1000), 0);
   EXPECT_EQ(discovery_active(), 1);
-  EXPECT_THAT(log.text(),
+  EXPECT_THAT(logged_so_far(),
               has_in_order({"discovery: ", "pushing discovery.\n", "Discover OK!.\n",
                             "Setting new discovery time.\n", "start session\n", "discovery pushed.\n"}));
 }
 
 TEST_F(DiscoveryTest, AFailedPushOpensNone) {
   cloud_answers(500, "");
-  log_capture log;
   EXPECT_EQ(push(1000), -5);
   EXPECT_EQ(discovery_active(), 0);
-  const std::string text = log.text();
+  const std::string text = logged_so_far();
   EXPECT_THAT(text, HasSubstr("DEBUG: Failed to send discovery.\n"));
   EXPECT_THAT(text, Not(HasSubstr("start session")));
 }
 
 TEST_F(DiscoveryTest, WithoutAThreadThereIsNeitherPeriodNorSession) {
   cloud_answers(200, claimed);
-  {
-    log_capture log;
-    refused_by_system.threads = true;
-    EXPECT_EQ(push(1000), 0);
-    refused_by_system.threads = false;
-    const std::string text = log.text();
-    EXPECT_THAT(text, HasSubstr("discovery: "));
-    EXPECT_THAT(text, HasSubstr("WARNING: Failed to create discovery thread ret=11.\n"));
-    EXPECT_THAT(text, Not(HasSubstr("start session")));
-    EXPECT_EQ(discovery_active(), 0);
-  }
-  log_capture log;
+  refused_by_system.threads = true;
+  EXPECT_EQ(push(1000), 0);
+  refused_by_system.threads = false;
+  EXPECT_THAT(logged_so_far(),
+              has_in_order({"discovery: ", "WARNING: Failed to create discovery thread ret=11.\n"}));
+  EXPECT_THAT(logged_so_far(), Not(HasSubstr("start session")));
+  EXPECT_EQ(discovery_active(), 0);
+
   EXPECT_EQ(push(1000), 0);
   EXPECT_EQ(discovery_active(), 1);
-  const std::string text = log.text();
-  EXPECT_THAT(text, HasSubstr("start session"));
-  EXPECT_THAT(text, Not(HasSubstr("before join discovery thread.")));
+  EXPECT_THAT(logged_so_far(), HasSubstr("start session"));
+  EXPECT_THAT(logged_so_far(), Not(HasSubstr("before join discovery thread.")));
 }
 
 TEST_F(DiscoveryTest, WithoutAnUptimeAPeriodIsOpenAndTheWholeDeadlineIsSleptAgain) {
@@ -142,7 +143,6 @@ TEST_F(DiscoveryTest, WithoutAnUptimeAPeriodIsOpenAndTheWholeDeadlineIsSleptAgai
   refused_by_system.uptime = true;
   EXPECT_EQ(system_uptime(), 0);
   EXPECT_EQ(discovery_active(), 0);
-  log_capture log;
   EXPECT_EQ(push(50), 0);
   EXPECT_EQ(discovery_active(), 1);
   EXPECT_TRUE(wake_until_logged("Sleep in discovery thread for 50 seconds.\n", 3));
@@ -152,13 +152,12 @@ TEST_F(DiscoveryTest, WithoutAnUptimeAPeriodIsOpenAndTheWholeDeadlineIsSleptAgai
 TEST_F(DiscoveryTest, APeriodThatIsOverWhenItsThreadWakesStopsTheSession) {
   cloud_answers(200, unclaimed);
   refused_by_system.uptime = true;
-  log_capture log;
   EXPECT_EQ(push(1), 0);  // a deadline that is past once the uptime can be read
   EXPECT_TRUE(eventually([] { return http_test::count_of(logged_so_far(), "Sleep in discovery") > 0; }));
   refused_by_system.uptime = false;
   EXPECT_TRUE(wake_until_logged("discovery thread ended.\n", 1));
-  EXPECT_THAT(log.text(), has_in_order({"Device is not claimed.\n", "stop session unless forced\n",
-                                        "discovery: ", "discovery thread ended.\n"}));
+  EXPECT_THAT(logged_so_far(), has_in_order({"Device is not claimed.\n", "stop session unless forced\n",
+                                             "discovery: ", "discovery thread ended.\n"}));
   EXPECT_EQ(discovery_active(), 0);
 }
 
