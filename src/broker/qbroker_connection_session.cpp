@@ -181,7 +181,7 @@ int wait_limit(const heartbeat_timer& timer) {
 int beat_if_due(broker_session* session, heartbeat_timer* timer) {
   const int64_t now = monotonic_ms();
   if (timer->period == 0 || now < timer->due) return 0;
-  timer->due = std::max(timer->due + timer->period, now);
+  timer->due = now + timer->period;  // from now, so that a late heartbeat's answer has a whole period too
   const bool first = std::exchange(timer->first, false);
   if (!first && check_heartbeat() != 0) return -1;
   if (send_heartbeat(session->connection) < 1) {

@@ -157,6 +157,7 @@ bool write_line(int file, const char* name, const formatted& line) REQUIRES(stat
       written += static_cast<size_t>(count);
       continue;
     }
+    if (count < 0 && errno == EINTR) continue;  // the broker thread lets the stop signal in
     if (count == 0 || errno != ENOSPC) return false;
     if (delete_oldest_generation(name) == 0) {
       if (state.space_waits == 0) {

@@ -66,7 +66,7 @@ int connect_unix(int fd, const char* path) {
 
 void send_message(int fd, const char* address, uint16_t port, const void* data, uint32_t length) {
   if (data == nullptr || length == 0) return;
-  if (send_all(fd, data, length) != ssize_t{length}) {
+  if (send_all(fd, data, length) != static_cast<ssize_t>(length)) {
     log_error("Failed to send msg to qhandler on port '%s':%d.\n", address, port);
     return;
   }
