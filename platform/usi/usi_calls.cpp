@@ -31,7 +31,8 @@ struct store_state {
   /// for other processes and for the disk.
   usi_mutex commit_turn;
 
-  /// Guards everything below; held for a look at the files at most, so that reading goes on during a commit.
+  /// Guards everything below; not held while a commit waits or writes, so that reading goes on meanwhile. Content that
+  /// this process did not write itself is made durable under it, once.
   usi_mutex lock;
 
   // Where the files are.

@@ -9,9 +9,9 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <netdb.h>
-#include <new>
 #include <resolv.h>
 
 namespace {
@@ -165,7 +165,7 @@ int prepare_tunnel(net_connection* connection, uint32_t proxy_type, const broker
 }  // namespace
 
 void net_connection_deleter::operator()(net_connection* connection) const {
-  delete connection;
+  std::free(connection);
 }
 
 net_connection_ptr open_broker_connection(const char* host, int port, bool use_ssl) {
@@ -182,12 +182,12 @@ net_connection_ptr open_broker_connection(const char* host, int port, bool use_s
   }
   if (set_keepalive(socket.get()) != 0) log_error("Can not set keepalive options for the socket.\n");
 
-  net_connection_ptr connection{new (std::nothrow) net_connection{-1, nullptr, nullptr}};
+  net_connection_ptr connection{static_cast<net_connection*>(std::malloc(sizeof(net_connection)))};
   if (connection == nullptr) {
     log_error("malloc().\n");
     return nullptr;
   }
-  connection->socket = socket.release();
+  *connection = {socket.release(), nullptr, nullptr};
   const int prepared = proxy_type == no_proxy ? prepare_direct_stream(connection.get(), target)
                                               : prepare_tunnel(connection.get(), proxy_type, target, address);
   if (prepared != 0) {

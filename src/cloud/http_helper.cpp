@@ -8,6 +8,7 @@
 #include "core/owned.h"
 #include "core/sync.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +28,9 @@ struct http_state {
 };
 constinit http_state state;
 
+// Set for threads that must not wait for a resume.
+thread_local constinit bool refuses_while_paused = false;
+
 constexpr size_t largest_reply = size_t{16} * 1024 * 1024;  // a broken cloud must not eat the device's memory
 constexpr size_t line_size = 256;                           // longer credentials are cut
 
@@ -43,15 +47,24 @@ struct identity_copy {
   DeviceIdentity identity;
 };
 
+bool request_refused() {
+  return refuses_while_paused && state.paused != 0;
+}
+
+/// Whether the calling thread's request still may wait, or be made.
+bool may_go_on() {
+  return thread_may_wait() && !request_refused();
+}
+
 /// Waits for the turn and holds it to the end of the scope. It is not held when the thread was told to stop.
 class request_turn {
 public:
   request_turn() {
     const scoped_lock lock{state.turn_lock};
-    while (state.turn_taken && thread_may_wait()) {
+    while (state.turn_taken && may_go_on()) {
       state.turn_changed.wait(state.turn_lock);
     }
-    held_ = !state.turn_taken && thread_may_wait();
+    held_ = !state.turn_taken && may_go_on();
     if (held_) state.turn_taken = true;
   }
   ~request_turn() {
@@ -131,6 +144,11 @@ void set_proxy(CURL* curl, uint32_t use_proxy) {
   curl_easy_setopt(curl, CURLOPT_PROXYUSERPWD, credentials);
 }
 
+/// libcurl counts in 32-bit milliseconds and refuses longer times, which would leave no time-out at all.
+long timeout_option(uint32_t seconds) {
+  return static_cast<long>(std::min<uint32_t>(seconds, INT32_MAX / 1000));
+}
+
 /// A handle with everything set that is the same for all requests; null when libcurl gives none.
 curl_ptr configured_handle(const AgentSettings& settings, HttpBuffer* headers, HttpBuffer* reply) {
   curl_ptr handle{curl_easy_init()};
@@ -140,8 +158,8 @@ curl_ptr configured_handle(const AgentSettings& settings, HttpBuffer* headers, H
 
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(settings.http_request_timeout));
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(settings.http_connect_timeout));
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, timeout_option(settings.http_request_timeout));
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, timeout_option(settings.http_connect_timeout));
   curl_easy_setopt(curl, CURLOPT_SHARE, shared_curl());
   if (use_proxy != 0) set_proxy(curl, use_proxy);
 
@@ -163,7 +181,7 @@ curl_ptr configured_handle(const AgentSettings& settings, HttpBuffer* headers, H
 }
 
 void wait_at_pause_gate() {
-  while (state.paused != 0 && thread_may_wait()) {
+  while (state.paused != 0 && may_go_on()) {
     log_debug("Pause http request until we allow to do it\n");
     wait_for_wakeup(&state.paused);
   }
@@ -198,6 +216,10 @@ bool add_authorization(curl_list_ptr& list, AgentSettings* settings) {
   return true;
 }
 
+int unmade_post() {
+  return request_refused() ? http_would_block : http_post_failed;
+}
+
 int post_result(CURLcode code) {
   switch (code) {
   case CURLE_COULDNT_RESOLVE_HOST:
@@ -225,10 +247,10 @@ void http_buffer_free(HttpBuffer* buffer) {
 int http_post_json(const char* url, AgentSettings* settings, const char* body, long* status,
                    HttpBuffer* headers, HttpBuffer* reply) {
   const request_turn turn;
-  if (!turn.held()) return http_post_failed;
+  if (!turn.held()) return unmade_post();
   const curl_ptr handle = create_handle(*settings, headers, reply);
   CURL* curl = handle.get();
-  if (!thread_may_wait()) return http_post_failed;
+  if (!may_go_on()) return unmade_post();
   if (curl == nullptr) {
     report_missing_handle(url);
     return http_post_failed;
@@ -259,7 +281,7 @@ int http_get_with_header(const char* url, AgentSettings* settings, const char* e
   if (!turn.held()) return -1;
   const curl_ptr handle = create_handle(*settings, headers, reply);
   CURL* curl = handle.get();
-  if (!thread_may_wait()) return -1;
+  if (!may_go_on()) return -1;
   if (curl == nullptr) {
     report_missing_handle(url);
     return -1;
@@ -296,11 +318,16 @@ int http_get(const char* url, AgentSettings* settings, long* status, HttpBuffer*
 
 void pause_http_requests() {
   state.paused = 1;
+  wake_http_waiters();
 }
 
 void resume_http_requests() {
   state.paused = 0;
   wake_sleepers();
+}
+
+void refuse_requests_while_paused() {
+  refuses_while_paused = true;
 }
 
 int http_requests_paused() {

@@ -22,6 +22,7 @@ constexpr int http_post_failed = 1;
 constexpr int http_unresolved = -7;
 constexpr int http_unconnected = -8;
 constexpr int http_timed_out = -4;
+constexpr int http_would_block = -10;  ///< requests are held back, and the thread must not wait for them
 
 /// POSTs the JSON text `body`. 0 with `*status`; -7 when the host can't be resolved, -8 when there is no connection,
 /// -4 when the time is up, 1 for any other failure. Whatever the HTTP status is, a transfer that went through is a
@@ -38,6 +39,10 @@ constexpr int http_timed_out = -4;
 /// Holds back all requests from now on; lets them go again and wakes every interruptible sleeper.
 void pause_http_requests();
 void resume_http_requests();
+
+/// From now on requests of the calling thread fail instead of waiting while requests are held back (POST -10,
+/// GET -1), at whatever point the pause comes. For threads that a resume has to get through to.
+void refuse_requests_while_paused();
 
 /// 1 while requests are held back.
 [[nodiscard]] int http_requests_paused();

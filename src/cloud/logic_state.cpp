@@ -28,6 +28,7 @@ constexpr int event_connected = 4;
 struct state_record {
   sync_mutex lock{lock_rank::agent_state};
   AgentState agent GUARDED_BY(lock){};
+  bool open GUARDED_BY(lock) = false;  // from orvel_state_init() to finish_state_record()
 };
 constinit state_record state{};
 
@@ -91,7 +92,7 @@ void save() REQUIRES(state.lock) {
 
 void set_flag(const state_flag& flag, int value) {
   const scoped_lock lock{state.lock};
-  if (state.agent.*flag.value == value) return;
+  if (!state.open || state.agent.*flag.value == value) return;
   write_extra_parameter(flag, value);
   state.agent.*flag.value = value;
   state.agent.event = flag.event;
@@ -109,7 +110,15 @@ void orvel_state_init(int daemon) {
                  .registered = static_cast<int>(config_get_uint("q_agent_registered", 0)),
                  .claimed = static_cast<int>(config_get_uint("q_agent_claimed", 0)),
                  .connected = 0};
+  state.open = true;
   report();
+}
+
+void finish_state_record() {
+  const scoped_lock lock{state.lock};
+  state.open = false;
+  config_set("q_agent_connected", "0");
+  config_set("q_agent_pid", "0");
 }
 
 void set_registered(int registered) {
@@ -131,6 +140,7 @@ int claimed_state() {
 
 void request_report() {
   const scoped_lock lock{state.lock};
+  if (!state.open) return;
   state.agent.event = event_report_requested;
   report();
 }

@@ -6,6 +6,10 @@
 /// Fills the record from the settings store and reports it. Once, at start-up.
 void orvel_state_init(int daemon);
 
+/// For whoever is about to end the process on a stop: stores "not connected" and no process id, and lets no later
+/// change or report through, so that a session that comes up at that moment leaves no trace.
+void finish_state_record();
+
 /// Set a flag (0 or 1); its present value changes and reports nothing. The connected flag is not stored.
 void set_registered(int registered);
 void set_claimed(int claimed);
@@ -14,7 +18,7 @@ void set_connected(int connected);
 /// The stored claimed flag.
 [[nodiscard]] int claimed_state();
 
-/// Reports the state as it is: what SIGUSR2 asks for.
+/// Reports the state as it is: what SIGUSR2 asks for. Nothing before orvel_state_init().
 void request_report();
 
 /// Tells the handler "event_sink_SERVICE" that the service's claim changed.

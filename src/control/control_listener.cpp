@@ -1,6 +1,8 @@
 #include "control/control_listener.h"
 
+#include "cloud/http_helper.h"
 #include "cloud/logic.h"
+#include "cloud/logic_state.h"
 #include "control/control_listener_command.h"
 #include "core/config.h"
 #include "core/exit_process.h"
@@ -33,12 +35,10 @@ constexpr size_t request_limit = size_t{4} << 20;
 
 constexpr int malformed_request = -1;
 
-// Written before the threads that read it start: the listener's arguments, and the settings for requests that come
-// as broker messages. `own_name` is read from the settings store by whoever asks first.
+// Written before the threads that read it start. `own_name` is read from the settings store by whoever asks first.
 struct listener_state {
   AgentSettings* settings = nullptr;
   int pipe_read_end = -1;
-  AgentSettings* local_settings = nullptr;
   std::atomic<char*> own_name{nullptr};
 };
 constinit listener_state listener{};
@@ -85,6 +85,8 @@ constexpr command_entry commands[] = {
 };
 
 int execute_text(const char* text, AgentSettings* settings) {
+  // This thread is the way on which a resume comes: it must never wait for one.
+  refuse_requests_while_paused();
   ControlRequest request{};
   int result = malformed_request;
   if (parse_control_request(text, &request) == -1) {
@@ -220,6 +222,7 @@ void* listener_thread(void* /*argument*/) {
   log_debug("end control listener thread.\n");
   if (command == control_exit_process) {
     log_info("received command from orvel thread to call exit()");
+    finish_state_record();
     exit_process(0);
   }
   return nullptr;
@@ -264,9 +267,9 @@ const char* agent_handler_name() {
 }
 
 void serve_local_requests(AgentSettings* settings) {
-  listener.local_settings = settings;
+  listener.settings = settings;
   set_local_requests(
       {.own_handler_name = agent_handler_name, .execute = [](const void* data, uint32_t length) {
-         return handle_incoming_request(data, length, listener.local_settings);
+         return handle_incoming_request(data, length, listener.settings);
        }});
 }

@@ -31,20 +31,20 @@ void store_carrier_id(AgentSettings* settings, const char* carrier_id) {
   replace_carrier_id(settings, copy);
 }
 
-// 0, or -1 when memory for the request is short. Whether the push itself went through makes no difference here.
-int push_for_service(AgentSettings* settings, const char* service_id) {
+enum class release_outcome { done, would_block, no_memory };
+
+// Whether the cloud took the push makes no difference here; a pause that came in between does.
+release_outcome push_for_service(AgentSettings* settings, const char* service_id) {
   const c_string service{strdup(service_id)};
   if (!service) {
     log_error("malloc().\n");
-    return -1;
+    return release_outcome::no_memory;
   }
   DiscoveryParams params{};
   params.service_id = service.get();
-  push_discovery(&params, settings);
-  return 0;
+  const int result = push_discovery(&params, settings);
+  return result == http_would_block ? release_outcome::would_block : release_outcome::done;
 }
-
-enum class release_outcome { done, would_block, no_memory };
 
 // What an unclaimed device does: it lets itself be found again where discovery is used, and leaves the broker
 // otherwise.
@@ -54,7 +54,8 @@ release_outcome release_device(AgentSettings* settings, const char* service_id) 
       log_error("Send discovery to server would block.\n");
       return release_outcome::would_block;
     }
-    if (push_for_service(settings, service_id) != 0) return release_outcome::no_memory;
+    const release_outcome pushed = push_for_service(settings, service_id);
+    if (pushed != release_outcome::done) return pushed;
     start_session_if_stopped(settings);
   } else if (keep_connection == 1) {
     stop_broker_thread_unless_forced();

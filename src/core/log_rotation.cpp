@@ -146,13 +146,16 @@ void compress_file(const char* plain) {
 
   struct stat status {};
   char target[sizeof generation_names::compressed];
+  char part[sizeof target + 5];  // gets its name when it is whole: the process may end at any moment
   std::snprintf(target, sizeof target, "%s.gz", plain);
+  std::snprintf(part, sizeof part, "%s.part", target);
   const bool has_content = fstat(source.get(), &status) == 0 && status.st_size > 0;
-  gzip_file out{has_content ? gzopen(target, "wbe") : nullptr};
+  gzip_file out{has_content ? gzopen(part, "wbe") : nullptr};
   if (out) {
     const bool copied = copy_compressed(source.get(), out.get());
     const bool closed = gzclose(out.release()) == Z_OK;
-    unlink(copied && closed ? plain : target);
+    const bool whole = copied && closed && std::rename(part, target) == 0;
+    unlink(whole ? plain : part);
   }
   flock(source.get(), LOCK_UN);
 }

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-/// Process-wide options. The command line sets them before any thread starts; afterwards every thread reads
+/// Process-wide options. The command line sets them before the agent's threads start; afterwards every thread reads
 /// them without a lock. The strings belong to the argument vector and are never freed.
 struct agent_options {
   const char* hardware_id = nullptr;

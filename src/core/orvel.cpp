@@ -110,11 +110,16 @@ control_pipe open_control_pipe() {
   return {fd_owner{ends[0]}, fd_owner{ends[1]}};
 }
 
+// Discovery may have been switched on since the request was made without a service: then there is none to push.
+void announce_device(AgentSettings* settings, const DiscoveryParams* params) {
+  push_discovery(params->service_id != nullptr ? params : nullptr, settings);
+}
+
 void decide_connection(AgentSettings* settings, const DiscoveryParams* params, int claimed) {
   if (force_connection() == 1) {
     log_debug("Establishing connection with qCloud forcibly.\n");
     start_broker_thread(settings);
-    if (use_discovery() == 1 && claimed == 0) push_discovery(params, settings);
+    if (use_discovery() == 1 && claimed == 0) announce_device(settings, params);
     return;
   }
   const bool discovery = use_discovery() != 0;
@@ -123,7 +128,7 @@ void decide_connection(AgentSettings* settings, const DiscoveryParams* params, i
     return;
   }
   start_broker_thread(settings);
-  if (discovery && claimed == 0) push_discovery(params, settings);
+  if (discovery && claimed == 0) announce_device(settings, params);
 }
 
 // Waits until a stop has ended the control listener, then ends the process. Without a stop there is nothing left to
@@ -133,6 +138,7 @@ void wait_for_end(pthread_t listener, const char* pid_file, int pid_fd) {
   if (listener != 0) pthread_join(listener, nullptr);
   if (termination.sigterm_received != 0) {
     log_debug("Exit because sigterm was received.\n");
+    finish_state_record();
     unlock_pid_file(pid_file, pid_fd);
     exit_process(0);
   }
@@ -244,13 +250,12 @@ void orvel_main(AgentSettings* settings) {
 
   DiscoveryParams params = make_discovery_params(settings);
   const uint32_t aggressive_period = config_get_uint("q_register_aggressive_time", default_aggressive_time);
+  // Before a client can ask for anything, so that none of its requests gets through or is undone.
+  if (settings->start_paused) pause_http_requests();
   control_pipe pipe = open_control_pipe();
   const pthread_t listener =
       pipe.read_end.valid() ? start_control_listener(settings, pipe.read_end.get()) : pthread_t{0};
-  if (settings->start_paused) {
-    stop_broker_thread();
-    pause_http_requests();
-  }
+  if (settings->start_paused) stop_broker_thread();
 
   register_until_complete(settings, aggressive_period);
   set_registered(1);

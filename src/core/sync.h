@@ -32,7 +32,7 @@ enum class lock_rank : uint8_t {
   delivery_pool,   ///< enqueueing and the workers' exit decision
   delivery_wait,   ///< idle workers
   delivery_queue,  ///< the message queue
-  leaf,            ///< guards a few fields; nothing but a log line is done under it
+  leaf,            ///< no other lock but the log's is taken under it
   log_writer,      ///< the log: innermost, every other lock may be held around it
 };
 

@@ -1,9 +1,10 @@
 #include "libc_hooks.h"
 
+#include "broker/net_connection.h"
+
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
-#include <new>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
@@ -45,13 +46,15 @@ failing_call::~failing_call() {
   hooks.failing = nullptr;
 }
 
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  if (fails("new")) return nullptr;
-  try {
-    return ::operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+// The linker sends the agent's calls of malloc here (--wrap).
+extern "C" {
+
+void* __real_malloc(size_t size);
+
+void* __wrap_malloc(size_t size) {
+  if (size == sizeof(net_connection) && fails("malloc of the connection record")) return nullptr;
+  return __real_malloc(size);
+}
 }
 
 extern "C" {

@@ -13,7 +13,7 @@ struct fake_resolver {
   fake_resolver& operator=(const fake_resolver&) = delete;
 };
 
-/// The named call fails (or, for send, gives 0): "send", "setsockopt", "new" (without exceptions), "SSL_CTX_new",
+/// The named call fails (or, for send, gives 0): "send", "setsockopt", "malloc of the connection record", "SSL_CTX_new",
 /// "SSL_CTX_set_cipher_list", "SSL_new", "SSL_set_fd".
 struct failing_call {
   explicit failing_call(const char* name);

@@ -240,7 +240,7 @@ TEST_F(BrokerConnection, FailedKeepalivesDoNotPreventIt) {
 TEST_F(BrokerConnection, WithoutMemoryForTheRecordItFailsAndTheProcessGoesOn) {
   const loopback_listener broker;
   {
-    const failing_call failing{"new"};
+    const failing_call failing{"malloc of the connection record"};
     EXPECT_EQ(open_broker_connection("127.0.0.1", broker.port(), false), nullptr);
   }
   EXPECT_TRUE(ends_without_data(broker.accept_one().get()));

@@ -125,6 +125,35 @@ TEST_F(HttpHelperWait, AWakeUpAloneDoesNotLetAPausedRequestGo) {
   EXPECT_EQ(request.wait(), 0);
 }
 
+// As the control listener: a resume has to come through this thread.
+int make_request_or_refuse(method wanted, const std::string& url, AgentSettings* settings) {
+  std::atomic<int> result{still_running};
+  std::thread{[&] {
+    refuse_requests_while_paused();
+    result = make_request(wanted, url, settings);
+  }}.join();
+  return result;
+}
+
+TEST_F(HttpHelperWait, AThreadThatAResumeComesThroughIsRefusedWhilePaused) {
+  pause_http_requests();
+  EXPECT_EQ(make_request_or_refuse(method::post, cloud.url(), &settings), http_would_block);
+  EXPECT_EQ(make_request_or_refuse(method::get, cloud.url(), &settings), -1);
+  EXPECT_THAT(cloud.requests(), IsEmpty());
+  resume_http_requests();
+  EXPECT_EQ(make_request_or_refuse(method::post, cloud.url(), &settings), 0);
+}
+
+TEST_F(HttpHelperWait, APauseGetsSuchAThreadOutOfTheWaitForItsTurn) {
+  const log_capture log;
+  pause_http_requests();
+  const request_thread holder{method::get, cloud.url(), &settings};
+  ASSERT_TRUE(reaches_the_gate());  // with the turn
+  EXPECT_EQ(make_request_or_refuse(method::post, cloud.url(), &settings), http_would_block);
+  resume_http_requests();
+  EXPECT_EQ(holder.wait(), 0);
+}
+
 TEST_F(HttpHelperWait, PausedRequestWaitsEvenWithoutAHandle) {
   curl_probe probe;
   probe.fail_easy_init();

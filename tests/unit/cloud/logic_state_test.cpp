@@ -127,6 +127,22 @@ TEST_F(LogicStateTest, ARequestedReportCarriesEventOneAndStoresNoFlag) {
   EXPECT_EQ(settings_file::value("q_agent_pid"), std::to_string(getpid()));
 }
 
+TEST_F(LogicStateTest, AfterItsEndNothingIsReportedOrStored) {
+  start();
+  set_connected(1);
+  reports();
+  finish_state_record();
+  EXPECT_EQ(settings_file::value("q_agent_connected"), "0");
+  EXPECT_EQ(settings_file::value("q_agent_pid"), "0");
+
+  set_connected(0);
+  set_registered(1);
+  request_report();
+  EXPECT_THAT(reports(), ElementsAre());
+  EXPECT_EQ(settings_file::value("q_agent_pid"), "0");
+  EXPECT_EQ(settings_file::value("q_agent_registered"), "");
+}
+
 TEST_F(LogicStateTest, AReportLogsStatusDocumentAndDelivery) {
   start();
   log_capture log;

@@ -1,5 +1,6 @@
 #include "core/orvel_signals.h"
 
+#include "cloud/logic_state.h"
 #include "core/daemon.h"
 
 #include "child_process.h"
@@ -96,11 +97,18 @@ TEST_F(SignalsTest, ATerminationThatCanNotBePassedOnIsLogged) {
 }
 
 TEST_F(SignalsTest, TheSecondUserSignalReportsTheState) {
-  const child_result child = served({SIGUSR2});
+  const child_result child = served({SIGUSR2}, [] { orvel_state_init(0); });
   EXPECT_EQ(child.status, 42);
   EXPECT_THAT(child.console, HasSubstr("orvel: "));
   EXPECT_THAT(child.console, HasSubstr("DEBUG: sig_usr2 handler.\n"));
   EXPECT_THAT(child.console, HasSubstr("\"event\":\t1,"));
+}
+
+TEST_F(SignalsTest, BeforeThereIsAStateTheSecondUserSignalReportsNothing) {
+  const child_result child = served({SIGUSR2});
+  EXPECT_EQ(child.status, 42);
+  EXPECT_THAT(child.console, HasSubstr("DEBUG: sig_usr2 handler.\n"));
+  EXPECT_THAT(child.console, Not(HasSubstr("connected")));
 }
 
 TEST_F(SignalsTest, TheFirstUserSignalEndsTheSleeps) {
