@@ -2,6 +2,7 @@
 
 #include "broker/net_connection.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
@@ -17,6 +18,9 @@ struct hook_state {
   addrinfo* resolver_list = nullptr;
 };
 thread_local constinit hook_state hooks;
+
+constexpr int no_packet = -1;
+constinit std::atomic<int> unsendable{no_packet};
 
 bool fails(const char* name) {
   return hooks.failing != nullptr && std::strcmp(hooks.failing, name) == 0;
@@ -46,6 +50,14 @@ failing_call::~failing_call() {
   hooks.failing = nullptr;
 }
 
+unsendable_packet::unsendable_packet(unsigned char type) {
+  unsendable = type;
+}
+
+unsendable_packet::~unsendable_packet() {
+  unsendable = no_packet;
+}
+
 // The linker sends the agent's calls of malloc here (--wrap).
 extern "C" {
 
@@ -70,6 +82,10 @@ void freeaddrinfo(addrinfo* list) noexcept {
 }
 
 ssize_t send(int fd, const void* bytes, size_t size, int flags) {
+  if (size > 0 && *static_cast<const unsigned char*>(bytes) == unsendable) {
+    errno = EPIPE;
+    return -1;
+  }
   return fails("send") ? 0 : library<decltype(send)>("send")(fd, bytes, size, flags);
 }
 

@@ -21,3 +21,11 @@ struct failing_call {
   failing_call(const failing_call&) = delete;
   failing_call& operator=(const failing_call&) = delete;
 };
+
+/// send() refuses packets of this type, on every thread: the peer is gone (EPIPE).
+struct unsendable_packet {
+  explicit unsendable_packet(unsigned char type);
+  ~unsendable_packet();
+  unsendable_packet(const unsendable_packet&) = delete;
+  unsendable_packet& operator=(const unsendable_packet&) = delete;
+};

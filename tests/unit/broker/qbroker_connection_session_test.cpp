@@ -1,8 +1,10 @@
 #include "broker/qbroker_connection_session.h"
 
 #include "../cloud/http_server.h"
+#include "broker/packet_format.h"
 #include "broker/qbroker_connection.h"
 #include "broker/qbroker_connection_commands.h"
+#include "libc_hooks.h"
 #include "log_capture.h"
 #include "peer.h"
 #include "settings_file.h"
@@ -18,7 +20,8 @@ namespace {
 // followed by an hour's sleep.
 class BrokerSession : public testing::Test {
 protected:
-  BrokerSession() {
+  explicit BrokerSession(keepalive_values broker_keepalive = {}) {
+    settings_.broker_keepalive = broker_keepalive;
     settings_file::fill({{"q_broker_ssl", "0"}, {"q_agent_id", "AGENT"}});
     struct sigaction breaks_calls {};
     breaks_calls.sa_handler = [](int) {};
@@ -69,6 +72,23 @@ TEST_F(BrokerSession, TheCloseCommandReconnectsWithoutTheDelay) {
   const std::string log = log_.text();
   EXPECT_THAT(log, HasSubstr("DEBUG: keep_connection=1, success=1.\n"));
   EXPECT_THAT(log, Not(HasSubstr("Connection to qbroker was closed.")));
+}
+
+class BrokerSessionWithoutKeepalives : unsendable_packet, public BrokerSession {
+protected:
+  BrokerSessionWithoutKeepalives() : unsendable_packet{packet_keepalives}, BrokerSession{{60, 5, 10}} {}
+};
+
+TEST_F(BrokerSessionWithoutKeepalives, EndsFailedAfterAShortConnectedState) {
+  const fd_owner peer = next_connection();
+  EXPECT_TRUE(ends_without_data(peer.get()));
+  stop_broker_thread();
+  const std::string log = log_.text();
+  EXPECT_THAT(log, HasSubstr("WARNING: Cannot send keepalives to qbroker.\n"));
+  EXPECT_THAT(log, HasSubstr("DEBUG: Reading packet header.\n"));
+  EXPECT_THAT(log, HasSubstr("success=0.\n"));
+  EXPECT_LT(log.find("Cannot send keepalives"), log.find("Reading packet header."));
+  EXPECT_LT(log.find("Reading packet header."), log.find("success=0."));
 }
 
 TEST_F(BrokerSession, AnyOtherCommandIsIgnored) {
