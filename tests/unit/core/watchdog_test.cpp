@@ -115,6 +115,13 @@ protected:
     return lines_of(content_of(folder.file(event)));
   }
 
+  // Stops a process for the time being, and waits until it stands: the signal itself is only a request.
+  static void halt(pid_t process) {
+    send(process, SIGSTOP);
+    const std::string status = "/proc/" + std::to_string(process) + "/status";
+    EXPECT_TRUE(eventually([&] { return content_of(status).find("State:\tT") != std::string::npos; }));
+  }
+
   // The id of the agent that was started as number `n` (from 1), which is waited for.
   pid_t agent(size_t n) {
     if (!eventually([&] { return noted("start").size() >= n; })) return 0;
@@ -286,8 +293,8 @@ TEST_F(WatchdogTest, DoesNotWaitForTheAgentAfterSigterm) {
 TEST_F(WatchdogTest, ServesSeveralSignalsThatArriveAtOnce) {
   start(orderly_agent);
   const pid_t first = agent(1);
-  send(watchdog, SIGSTOP);
-  send(first, SIGSTOP);
+  halt(watchdog);
+  halt(first);
   for (const int number : {SIGUSR2, SIGUSR1, SIGHUP, SIGCHLD, SIGPIPE}) {
     send(watchdog, number);
   }
@@ -303,7 +310,7 @@ TEST_F(WatchdogTest, ServesSeveralSignalsThatArriveAtOnce) {
 TEST_F(WatchdogTest, ASigtermTogetherWithTheAgentsEndEndsIt) {
   start(orderly_agent);
   const pid_t first = agent(1);
-  send(watchdog, SIGSTOP);
+  halt(watchdog);
   send(first, SIGKILL);
   send(watchdog, SIGTERM);
   send(watchdog, SIGCONT);
@@ -314,7 +321,7 @@ TEST_F(WatchdogTest, ASigtermTogetherWithTheAgentsEndEndsIt) {
 TEST_F(WatchdogTest, AHangupTogetherWithTheAgentsEndRestartsIt) {
   start(orderly_agent);
   const pid_t first = agent(1);
-  send(watchdog, SIGSTOP);
+  halt(watchdog);
   send(first, SIGTERM);
   send(watchdog, SIGHUP);
   send(watchdog, SIGCONT);
@@ -336,7 +343,7 @@ TEST_F(WatchdogTest, ASigchldSentByHandChangesNothing) {
 TEST_F(WatchdogTest, AStoppedAgentCountsAsRunning) {
   start(orderly_agent);
   const pid_t first = agent(1);
-  send(first, SIGSTOP);
+  halt(first);
   send(watchdog, SIGUSR1);
   send(first, SIGCONT);
   EXPECT_TRUE(signals_arrive({std::to_string(SIGUSR1)}));
