@@ -36,14 +36,17 @@ constexpr int lock_attempts = 200;
 
 using gzip_file = std::unique_ptr<gzFile_s, releaser<gzclose>>;
 
-// The two names that generation `n` may have; generation 0 is the log itself and has no compressed form.
+// The names that generation `n` may have; generation 0 is the log itself and has no compressed form.
 struct generation_names {
   char plain[4096 + 12];
   char compressed[sizeof plain + 3];
+  char part[sizeof compressed +
+            5];  // the compressed form until it is whole: the process may end at any moment
 
   generation_names(const char* base, int n) {
     std::snprintf(plain, sizeof plain, n == 0 ? "%s" : "%s.%d", base, n);
     std::snprintf(compressed, sizeof compressed, "%s.%d.gz", base, n);
+    std::snprintf(part, sizeof part, "%s.part", compressed);
   }
 };
 
@@ -84,10 +87,12 @@ void end_rotation() {
   close(folder);
 }
 
-// Moves generation `n - 1` to `n`, in the forms that it has.
+// Moves generation `n - 1` to `n`, in the forms that it has. No compression runs, so a part of `n` is what a process
+// left behind that was killed while it compressed.
 void move_up(const char* base, int n) {
   const generation_names from{base, n - 1};
   const generation_names to{base, n};
+  unlink(to.part);
   const bool moved_plain = std::rename(from.plain, to.plain) == 0;
   const bool moved_compressed = n > 1 && std::rename(from.compressed, to.compressed) == 0;
   // What falls off at the end goes in whichever form it has.
@@ -139,23 +144,19 @@ bool copy_compressed(int source, gzFile out) {
   }
 }
 
-// Compresses one file beside itself and deletes it; when that fails, it stays and no half of the other does.
-void compress_file(const char* plain) {
-  const fd_owner source{open(plain, O_RDONLY | O_CLOEXEC)};
+// Compresses one generation and deletes its plain form; when that fails, it stays and no half of the other does.
+void compress_generation(const generation_names& names) {
+  const fd_owner source{open(names.plain, O_RDONLY | O_CLOEXEC)};
   if (!source.valid() || !wait_for_writers(source.get())) return;
 
   struct stat status {};
-  char target[sizeof generation_names::compressed];
-  char part[sizeof target + 5];  // gets its name when it is whole: the process may end at any moment
-  std::snprintf(target, sizeof target, "%s.gz", plain);
-  std::snprintf(part, sizeof part, "%s.part", target);
   const bool has_content = fstat(source.get(), &status) == 0 && status.st_size > 0;
-  gzip_file out{has_content ? gzopen(part, "wbe") : nullptr};
+  gzip_file out{has_content ? gzopen(names.part, "wbe") : nullptr};
   if (out) {
     const bool copied = copy_compressed(source.get(), out.get());
     const bool closed = gzclose(out.release()) == Z_OK;
-    const bool whole = copied && closed && std::rename(part, target) == 0;
-    unlink(whole ? plain : part);
+    const bool whole = copied && closed && std::rename(names.part, names.compressed) == 0;
+    unlink(whole ? names.plain : names.part);
   }
   flock(source.get(), LOCK_UN);
 }
@@ -180,7 +181,7 @@ void rotate_log(const char* file, size_t line_length) {
 void compress_rotated(char* base_name) {
   const c_string base{base_name};
   for (int n = 1; n <= generation_count(); ++n) {
-    compress_file(generation_names{base.get(), n}.plain);
+    compress_generation({base.get(), n});
   }
   end_rotation();
 }

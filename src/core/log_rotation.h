@@ -4,7 +4,7 @@
 #include <sys/types.h>
 
 // Generations of a log file: NAME is written, NAME.1 is the newest older one, and so on. A detached thread
-// compresses them to NAME.n.gz. `options.log_rotation_count` generations are kept; a negative count works
+// compresses them to NAME.n.gz, by way of NAME.n.gz.part. `options.log_rotation_count` generations are kept; a negative count works
 // like 0, and one above 10,000 like 10,000.
 //
 // Several processes may write one log. Who rotates holds an flock(2) lock on the folder until the compression
@@ -15,7 +15,8 @@
 /// True when a file of `size` bytes would grow past `options.log_rotation_size` with a line of `line_length`.
 [[nodiscard]] bool needs_rotation(off_t size, size_t line_length);
 
-/// Moves every generation of `file` one up and starts the thread that compresses them. Does nothing when
+/// Moves every generation of `file` one up, removes what a killed compression left, and starts the thread that
+/// compresses them. Does nothing when
 /// `file` has room for a line of `line_length` bytes by now, or while an earlier compression still runs, in this
 /// process or in another one that rotates a log in the same folder. Never logs. Any thread.
 void rotate_log(const char* file, size_t line_length);

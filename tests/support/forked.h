@@ -7,12 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// What became of a child process: its wait status, and all that it wrote to standard output and error.
+/// What became of a child process.
 struct child_outcome {
-  int status;
-  std::string output;
-
-  [[nodiscard]] bool exited_with(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+  int status;          ///< its exit status, or -1 when a signal ended it
+  std::string output;  ///< what it and its own children wrote to standard output and error
 };
 
 /// Starts `body` in a child process whose exit status is what `body` returns.
@@ -28,11 +26,13 @@ template <typename Body> pid_t start_child(Body body) {
   return child;
 }
 
+/// Waits for the child's end: its exit status, or -1 when a signal ended it.
 inline int wait_for_child(pid_t child) {
-  int status = -1;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  int status = 0;
+  while (waitpid(child, &status, 0) != child) {
+    if (errno != EINTR) std::abort();
   }
-  return status;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 /// Runs `body` in a child process to its end.
@@ -54,4 +54,11 @@ template <typename Body> child_outcome run_in_child(Body body) {
   }
   close(ends[0]);
   return {wait_for_child(child), output};
+}
+
+/// The id of a process that has ended and was reaped.
+inline pid_t dead_process() {
+  const pid_t child = start_child([] { return 0; });
+  wait_for_child(child);
+  return child;
 }

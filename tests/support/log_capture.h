@@ -3,7 +3,9 @@
 #include "core/log.h"
 #include "core/options.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 
 /// While it lives, every log line of this process goes to the console at level DEBUG and is collected.
@@ -13,7 +15,7 @@ public:
     options.log_level = level_debug;
     options.console_log = true;
     options.file_log = false;
-    testing::internal::CaptureStderr();
+    restart();
   }
   ~log_capture() {
     if (!ended_) testing::internal::GetCapturedStderr();
@@ -28,7 +30,20 @@ public:
     return testing::internal::GetCapturedStderr();
   }
 
+  /// Begins anew, whether the capture was ended or not; what was collected is dropped.
+  void restart() {
+    if (!ended_) testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    ended_ = false;
+  }
+
 private:
   agent_options saved_;
-  bool ended_ = false;
+  bool ended_ = true;
 };
+
+/// What a log_capture has collected so far, lines of other threads included.
+inline std::string logged_so_far() {
+  std::ifstream captured{"/proc/self/fd/2"};
+  return {std::istreambuf_iterator<char>{captured}, {}};
+}

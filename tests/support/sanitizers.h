@@ -2,22 +2,23 @@
 
 // Which sanitizer this test program is built with, for the few tests that can't run under one.
 #if defined(__has_feature)
-#if __has_feature(address_sanitizer)
+#define ORVEL_HAS_FEATURE(name) __has_feature(name)
+#else
+#define ORVEL_HAS_FEATURE(name) 0
+#endif
+
+#if defined(__SANITIZE_ADDRESS__) || ORVEL_HAS_FEATURE(address_sanitizer)
 #define ORVEL_ADDRESS_SANITIZER 1
+#else
+#define ORVEL_ADDRESS_SANITIZER 0
 #endif
-#if __has_feature(thread_sanitizer)
+
+#if defined(__SANITIZE_THREAD__) || ORVEL_HAS_FEATURE(thread_sanitizer)
 #define ORVEL_THREAD_SANITIZER 1
-#endif
+#else
+#define ORVEL_THREAD_SANITIZER 0
 #endif
 
-#if defined(__SANITIZE_ADDRESS__) || defined(ORVEL_ADDRESS_SANITIZER)
-constexpr bool under_address_sanitizer = true;
-#else
-constexpr bool under_address_sanitizer = false;
-#endif
-
-#if defined(__SANITIZE_THREAD__) || defined(ORVEL_THREAD_SANITIZER)
-constexpr bool under_thread_sanitizer = true;
-#else
-constexpr bool under_thread_sanitizer = false;
-#endif
+constexpr bool under_address_sanitizer = ORVEL_ADDRESS_SANITIZER != 0;
+constexpr bool under_thread_sanitizer = ORVEL_THREAD_SANITIZER != 0;
+constexpr bool under_sanitizer = under_address_sanitizer || under_thread_sanitizer;

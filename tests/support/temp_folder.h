@@ -6,13 +6,14 @@
 #include <iterator>
 #include <string>
 
-/// A new folder under /tmp, removed with everything in it at the end.
+/// A new folder under /tmp, removed with everything in it at the end. Only its owner gets in unless `mode` says more.
 class temp_folder {
 public:
-  temp_folder() {
+  explicit temp_folder(std::filesystem::perms mode = std::filesystem::perms::owner_all) {
     char name[] = "/tmp/orvel-unit-XXXXXX";
     if (mkdtemp(name) == nullptr) std::abort();
     path_ = name;
+    std::filesystem::permissions(path_, mode);
   }
   ~temp_folder() {
     std::error_code ignored;

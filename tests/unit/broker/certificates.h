@@ -1,9 +1,9 @@
 #pragma once
 
 #include "core/owned.h"
+#include "temp_folder.h"
 
 #include <filesystem>
-#include <fstream>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -87,25 +87,6 @@ inline identity make_identity(const certificate_plan& plan, const identity* issu
   return made;
 }
 
-/// A folder that lives as long as the object.
-class temporary_folder {
-public:
-  temporary_folder() {
-    char name[] = "/tmp/orvel-unit-XXXXXX";
-    if (mkdtemp(name) == nullptr) std::abort();
-    path_ = name;
-  }
-  ~temporary_folder() { std::filesystem::remove_all(path_); }
-  temporary_folder(const temporary_folder&) = delete;
-  temporary_folder& operator=(const temporary_folder&) = delete;
-
-  [[nodiscard]] std::string file(const std::string& name) const { return path_ + "/" + name; }
-  [[nodiscard]] const std::string& path() const { return path_; }
-
-private:
-  std::string path_;
-};
-
 inline void write_pem(const std::string& path, X509* certificate) {
   FILE* file = std::fopen(path.c_str(), "we");
   if (file == nullptr) std::abort();
@@ -125,8 +106,8 @@ public:
     write_pem(path() + "/" + hash, identity_.certificate.get());
   }
 
-  [[nodiscard]] std::string file() const { return folder_.file("ca.pem"); }
-  [[nodiscard]] std::string path() const { return folder_.file("ca"); }
+  [[nodiscard]] std::string file() const { return folder_ / "ca.pem"; }
+  [[nodiscard]] std::string path() const { return folder_ / "ca"; }
   [[nodiscard]] identity issue(const certificate_plan& plan) const { return make_identity(plan, &identity_); }
 
   /// A good certificate for a DNS name.
@@ -135,6 +116,6 @@ public:
   }
 
 private:
-  temporary_folder folder_;
+  temp_folder folder_;
   identity identity_;
 };

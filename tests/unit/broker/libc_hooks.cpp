@@ -1,11 +1,11 @@
 #include "libc_hooks.h"
 
 #include "broker/net_connection.h"
+#include "real_function.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <dlfcn.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
@@ -16,6 +16,8 @@ struct hook_state {
   bool resolver_set = false;
   int resolver_result = 0;
   addrinfo* resolver_list = nullptr;
+  int sends_left = 0;  // until the one that fails; 0: none does
+  int send_result = 0;
 };
 thread_local constinit hook_state hooks;
 
@@ -24,10 +26,6 @@ constinit std::atomic<int> unsendable{no_packet};
 
 bool fails(const char* name) {
   return hooks.failing != nullptr && std::strcmp(hooks.failing, name) == 0;
-}
-
-template <typename function> function* library(const char* name) {
-  return reinterpret_cast<function*>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -58,6 +56,15 @@ unsendable_packet::~unsendable_packet() {
   unsendable = no_packet;
 }
 
+later_send::later_send(int n, int result) {
+  hooks.sends_left = n;
+  hooks.send_result = result;
+}
+
+later_send::~later_send() {
+  hooks.sends_left = 0;
+}
+
 // The linker sends the agent's calls of malloc here (--wrap).
 extern "C" {
 
@@ -72,13 +79,14 @@ void* __wrap_malloc(size_t size) {
 extern "C" {
 
 int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
-  if (!hooks.resolver_set) return library<decltype(getaddrinfo)>("getaddrinfo")(name, service, hints, list);
+  if (!hooks.resolver_set)
+    return real_function<decltype(getaddrinfo)>("getaddrinfo")(name, service, hints, list);
   *list = hooks.resolver_list;
   return hooks.resolver_result;
 }
 
 void freeaddrinfo(addrinfo* list) noexcept {
-  if (!hooks.resolver_set) library<decltype(freeaddrinfo)>("freeaddrinfo")(list);
+  if (!hooks.resolver_set) real_function<decltype(freeaddrinfo)>("freeaddrinfo")(list);
 }
 
 ssize_t send(int fd, const void* bytes, size_t size, int flags) {
@@ -86,31 +94,35 @@ ssize_t send(int fd, const void* bytes, size_t size, int flags) {
     errno = EPIPE;
     return -1;
   }
-  return fails("send") ? 0 : library<decltype(send)>("send")(fd, bytes, size, flags);
+  if (hooks.sends_left > 0 && --hooks.sends_left == 0) {
+    if (hooks.send_result < 0) errno = EPIPE;
+    return hooks.send_result;
+  }
+  return fails("send") ? 0 : real_function<decltype(send)>("send")(fd, bytes, size, flags);
 }
 
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
   if (!fails("setsockopt"))
-    return library<decltype(setsockopt)>("setsockopt")(fd, level, option, value, size);
+    return real_function<decltype(setsockopt)>("setsockopt")(fd, level, option, value, size);
   errno = ENOPROTOOPT;
   return -1;
 }
 
 SSL_CTX* SSL_CTX_new(const SSL_METHOD* method) {
-  return fails("SSL_CTX_new") ? nullptr : library<decltype(SSL_CTX_new)>("SSL_CTX_new")(method);
+  return fails("SSL_CTX_new") ? nullptr : real_function<decltype(SSL_CTX_new)>("SSL_CTX_new")(method);
 }
 
 int SSL_CTX_set_cipher_list(SSL_CTX* context, const char* list) {
   if (fails("SSL_CTX_set_cipher_list")) return 0;
-  return library<decltype(SSL_CTX_set_cipher_list)>("SSL_CTX_set_cipher_list")(context, list);
+  return real_function<decltype(SSL_CTX_set_cipher_list)>("SSL_CTX_set_cipher_list")(context, list);
 }
 
 SSL* SSL_new(SSL_CTX* context) {
-  return fails("SSL_new") ? nullptr : library<decltype(SSL_new)>("SSL_new")(context);
+  return fails("SSL_new") ? nullptr : real_function<decltype(SSL_new)>("SSL_new")(context);
 }
 
 int SSL_set_fd(SSL* ssl, int fd) {
-  return fails("SSL_set_fd") ? 0 : library<decltype(SSL_set_fd)>("SSL_set_fd")(ssl, fd);
+  return fails("SSL_set_fd") ? 0 : real_function<decltype(SSL_set_fd)>("SSL_set_fd")(ssl, fd);
 }
 
 }  // extern "C"

@@ -29,3 +29,11 @@ struct unsendable_packet {
   unsendable_packet(const unsendable_packet&) = delete;
   unsendable_packet& operator=(const unsendable_packet&) = delete;
 };
+
+/// The send() of this thread that is the n-th from now, counted from 1, gives this result; -1 is EPIPE.
+struct later_send {
+  later_send(int n, int result);
+  ~later_send();
+  later_send(const later_send&) = delete;
+  later_send& operator=(const later_send&) = delete;
+};

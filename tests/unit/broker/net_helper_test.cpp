@@ -1,6 +1,7 @@
 #include "broker/net_helper.h"
 
 #include "broker/qbroker_connection_commands.h"
+#include "interrupted_call.h"
 #include "libc_hooks.h"
 #include "log_capture.h"
 #include "peer.h"
@@ -36,57 +37,6 @@ addrinfo address_of(const sockaddr_in& address) {
   entry.ai_addrlen = sizeof address;
   return entry;
 }
-
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-constinit std::atomic<int> signals_seen{0};
-
-// Runs `call` on a thread of its own, and interrupts that with SIGUSR2.
-class interrupted_call {
-public:
-  explicit interrupted_call(std::function<void()> call) {
-    struct sigaction action {};
-    action.sa_handler = [](int) { ++signals_seen; };  // without SA_RESTART
-    sigaction(SIGUSR2, &action, &previous_);
-    signals_seen = 0;
-    thread_ = std::thread{[this, call = std::move(call)] {
-      call();
-      ended_ = true;
-    }};
-  }
-  ~interrupted_call() {
-    thread_.join();
-    sigaction(SIGUSR2, &previous_, nullptr);
-  }
-
-  // Sends signals until enough of them came, so that some met the blocking call, or until the call ended.
-  void interrupt() {
-    for (int i = 0; i < patience_ms && !ended_ && signals_seen < 50; ++i) {
-      pthread_kill(thread_.native_handle(), SIGUSR2);
-      std::this_thread::sleep_for(std::chrono::milliseconds{1});
-    }
-  }
-
-  // Sends signals until the call ends.
-  bool interrupt_until_ended() {
-    for (int i = 0; i < patience_ms && !ended_; ++i) {
-      pthread_kill(thread_.native_handle(), SIGUSR2);
-      std::this_thread::sleep_for(std::chrono::milliseconds{1});
-    }
-    return ended_;
-  }
-
-private:
-  struct sigaction previous_ {};
-  std::atomic<bool> ended_{false};
-  std::thread thread_;
-};
 
 class NetHelper : public testing::Test {
 protected:

@@ -14,6 +14,7 @@ struct hostname_case {
   int result;
 };
 
+// A table.
 const std::vector<hostname_case>& cases() {
   static const auto& all = *new std::vector<hostname_case>{
       {"the only DNS name", {.common_names = {}, .alt_names = {{GEN_DNS, "broker.test"}}}, "broker.test", 1},

@@ -27,7 +27,6 @@ class TlsConnection : public testing::Test {
 protected:
   TlsConnection() : ca_file_{authority().file()} {
     ignore_sigpipe();
-    log_.emplace();
     options.ca_file = ca_file_.c_str();
   }
   ~TlsConnection() override {
@@ -51,23 +50,13 @@ protected:
     ASSERT_EQ(connect_to("broker.test"), 0) << log();
   }
 
-  // Collects the log anew; the authority stays.
-  void begin_log() {
-    const char* file = options.ca_file;
-    const char* path = options.ca_path;
-    log_.reset();
-    log_.emplace();
-    options.ca_file = file;
-    options.ca_path = path;
-  }
-
-  std::string log() { return log_->text(); }
+  std::string log() { return log_.text(); }
 
   std::string ca_file_;
   connected_pair pair_;
   identity identity_;
   std::optional<tls_server> server_;
-  std::optional<log_capture> log_;
+  log_capture log_;
 };
 
 // Waits for the client's close.
@@ -140,7 +129,7 @@ TEST_F(TlsConnection, ACertificateThatDoesNotVerifyIsRefused) {
   for (auto& [what, server] : cases) {
     connected_pair pair;
     const tls_server peer{server, [fd = pair.peer.release()] { return fd_owner{fd}; }};
-    begin_log();
+    log_.restart();
     EXPECT_EQ(ssl_connect(&pair.connection, "broker.test"), -1) << what;
     EXPECT_EQ(pair.connection.ssl, nullptr) << what;
     EXPECT_EQ(pair.connection.ssl_ctx, nullptr) << what;
@@ -187,7 +176,7 @@ TEST_F(TlsConnection, AnUnreadableAuthorityFileLeavesTheContextToTheCaller) {
        "WARNING: Cannot load SSL certificate chain : /nonexistent/ca.pem. /tmp.\n"},
   };
   for (const auto& one : cases) {
-    begin_log();
+    log_.restart();
     options.ca_file = one.file;
     options.ca_path = one.path;
     EXPECT_EQ(connect_to("broker.test"), -1);
@@ -210,7 +199,7 @@ TEST_F(TlsConnection, EachFailedStepOfTheSetUpIsLogged) {
       {"SSL_set_fd", "WARNING: Cannot set SSL fd.\n"},
   };
   for (const auto& [call, text] : cases) {
-    begin_log();
+    log_.restart();
     {
       const failing_call failing{call};
       EXPECT_EQ(connect_to("broker.test"), -1) << call;
@@ -228,7 +217,7 @@ TEST_F(TlsConnection, OtherVersionsAreRefused) {
     tls_server peer{server,
                     [fd = pair.peer.release()] { return fd_owner{fd}; },
                     {.min_version = version, .max_version = version}};
-    begin_log();
+    log_.restart();
     EXPECT_EQ(ssl_connect(&pair.connection, "broker.test"), -1);
     EXPECT_THAT(log(), AllOf(HasSubstr("Could not connect to SSL server 1.\n"),
                              HasSubstr("openssl read error: 'SSL_ERROR_SSL', errno: '")));
@@ -250,7 +239,7 @@ TEST_F(TlsConnection, TheTenthFailedAttemptIsLikeTheFirstAndThenAGoodOneWorks) {
   for (int attempt = 1; attempt <= 10; ++attempt) {
     connected_pair pair;
     const tls_server peer{bad, [fd = pair.peer.release()] { return fd_owner{fd}; }};
-    begin_log();
+    log_.restart();
     EXPECT_EQ(ssl_connect(&pair.connection, "broker.test"), -1);
     EXPECT_EQ(ERR_peek_error(), 0UL);
     // Error texts begin with the thread's own number, the same each time.
@@ -315,7 +304,7 @@ TEST_F(TlsConnection, AStreamThatEndsIsZeroWithAnotherErrno) {
                       SSL_write(ssl, "bye", 3);
                       if (with_notice) SSL_shutdown(ssl);
                     }}};
-    begin_log();
+    log_.restart();
     ASSERT_EQ(ssl_connect(&pair.connection, "broker.test"), 0);
     peer.finish();
     EXPECT_EQ(set_nonblocking(&pair.connection), 0);

@@ -1,10 +1,11 @@
 #include "curl_probe.h"
+#include "real_function.h"
+#include "sanitizers.h"
 
 #include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <mutex>
 
 // libcurl's headers wrap these calls in macros of the same names.
@@ -35,10 +36,6 @@ probe_state& state() {
 }
 
 constinit std::atomic<size_t> failing_realloc{SIZE_MAX};
-
-template <typename F> F* real(const char* name) {
-  return reinterpret_cast<F*>(dlsym(RTLD_NEXT, name));
-}
 
 std::string describe(CURLoption option, long number, const void* pointer) {
   const curl_easyoption* known = curl_easy_option_by_id(option);
@@ -137,7 +134,7 @@ CURL* curl_easy_init() {
     const std::scoped_lock lock{state().lock};
     if (state().fail_easy_init) return nullptr;
   }
-  return real<decltype(curl_easy_init)>("curl_easy_init")();
+  return real_function<decltype(curl_easy_init)>("curl_easy_init")();
 }
 
 CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
@@ -152,7 +149,7 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
     if (state().active) state().options.push_back(describe(option, number, pointer));
     if (state().refused == option) return CURLE_UNKNOWN_OPTION;
   }
-  auto* next = real<CURLcode(CURL*, CURLoption, ...)>("curl_easy_setopt");
+  auto* next = real_function<CURLcode(CURL*, CURLoption, ...)>("curl_easy_setopt");
   return is_number ? next(handle, option, number) : next(handle, option, pointer);
 }
 
@@ -161,7 +158,7 @@ CURLcode curl_easy_perform(CURL* handle) {
     const std::scoped_lock lock{state().lock};
     if (state().answer_transfers) return state().transfer_result;
   }
-  return real<decltype(curl_easy_perform)>("curl_easy_perform")(handle);
+  return real_function<decltype(curl_easy_perform)>("curl_easy_perform")(handle);
 }
 
 CURLSH* curl_share_init() {
@@ -169,7 +166,7 @@ CURLSH* curl_share_init() {
     const std::scoped_lock lock{state().lock};
     if (state().fail_share_init) return nullptr;
   }
-  return real<decltype(curl_share_init)>("curl_share_init")();
+  return real_function<decltype(curl_share_init)>("curl_share_init")();
 }
 
 CURLSHcode curl_share_setopt(CURLSH* share, CURLSHoption option, ...) {
@@ -187,19 +184,19 @@ CURLSHcode curl_share_setopt(CURLSH* share, CURLSHoption option, ...) {
     if (option == CURLSHOPT_UNLOCKFUNC) s.unlock_callback = reinterpret_cast<curl_unlock_function>(pointer);
     if (s.active && is_number) s.options.push_back("share " + std::to_string(number));
   }
-  auto* next = real<CURLSHcode(CURLSH*, CURLSHoption, ...)>("curl_share_setopt");
+  auto* next = real_function<CURLSHcode(CURLSH*, CURLSHoption, ...)>("curl_share_setopt");
   return is_number ? next(share, option, number) : next(share, option, pointer);
 }
 
 CURLSHcode curl_share_cleanup(CURLSH* share) {
-  const CURLSHcode code = real<decltype(curl_share_cleanup)>("curl_share_cleanup")(share);
+  const CURLSHcode code = real_function<decltype(curl_share_cleanup)>("curl_share_cleanup")(share);
   const std::scoped_lock lock{state().lock};
   return state().fail_share_cleanup ? CURLSHE_IN_USE : code;
 }
 
-#if !defined(__SANITIZE_THREAD__)
+#if !ORVEL_THREAD_SANITIZER
 void* realloc(void* block, size_t size) noexcept {
-  static auto* const next = real<void*(void*, size_t)>("realloc");
+  static auto* const next = real_function<void*(void*, size_t)>("realloc");
   return size < failing_realloc ? next(block, size) : nullptr;
 }
 #endif

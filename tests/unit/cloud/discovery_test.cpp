@@ -23,8 +23,6 @@
 }
 
 using http_test::answer;
-using http_test::eventually;
-using http_test::logged_so_far;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -67,7 +65,7 @@ protected:
   static bool wake_until_logged(const std::string& text, size_t count) {
     return eventually([&] {
       first_user_signal_action(SIGUSR1);
-      return http_test::count_of(logged_so_far(), text) >= count;
+      return count_of(logged_so_far(), text) >= count;
     });
   }
 
@@ -153,7 +151,7 @@ TEST_F(DiscoveryTest, APeriodThatIsOverWhenItsThreadWakesStopsTheSession) {
   cloud_answers(200, unclaimed);
   refused_by_system.uptime = true;
   EXPECT_EQ(push(1), 0);  // a deadline that is past once the uptime can be read
-  EXPECT_TRUE(eventually([] { return http_test::count_of(logged_so_far(), "Sleep in discovery") > 0; }));
+  EXPECT_TRUE(eventually([] { return count_of(logged_so_far(), "Sleep in discovery") > 0; }));
   refused_by_system.uptime = false;
   EXPECT_TRUE(wake_until_logged("discovery thread ended.\n", 1));
   EXPECT_THAT(logged_so_far(), has_in_order({"Device is not claimed.\n", "stop session unless forced\n",

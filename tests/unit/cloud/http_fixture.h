@@ -4,42 +4,16 @@
 #include "cloud/http_helper_share.h"
 #include "core/owned.h"
 #include "log_capture.h"
+#include "log_lines.h"
 #include "settings_file.h"
+#include "waiting.h"
 
-#include <chrono>
 #include <cstring>
 #include <curl/curl.h>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
-#include <thread>
 
 namespace http_test {
-
-/// Polls until `condition` holds; false when it doesn't within a minute.
-template <typename F> bool eventually(F condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes{1};
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds{2});
-  }
-  return true;
-}
-
-/// What a log_capture has collected so far.
-inline std::string logged_so_far() {
-  std::ifstream captured{"/proc/self/fd/2"};
-  return {std::istreambuf_iterator<char>{captured}, {}};
-}
-
-inline size_t count_of(const std::string& text, const std::string& part) {
-  size_t count = 0;
-  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
 
 /// The client as start-up leaves it, settings, and buffers for a reply.
 class fixture : public testing::Test {

@@ -15,7 +15,6 @@
 namespace {
 
 using http_test::answer;
-using http_test::count_of;
 using http_test::server;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -56,6 +55,14 @@ TEST_F(HttpHelperOptions, AreSetInTheirOrder) {
   EXPECT_EQ(options_of_get({}), usual_options);
   EXPECT_EQ(options_of_get({{use_proxy, "0"}, {proxy_host, "p"}, {proxy_port, "1"}}), usual_options);
   EXPECT_EQ(options_of_get({{use_proxy, "-1"}, {proxy_host, "p"}, {proxy_port, "1"}}), usual_options);
+}
+
+TEST_F(HttpHelperOptions, TimeOutsAreCutToWhatTheLibraryCounts) {
+  for (const uint32_t seconds : {uint32_t{INT32_MAX / 1000}, uint32_t{INT32_MAX / 1000} + 1, UINT32_MAX}) {
+    settings.http_request_timeout = settings.http_connect_timeout = seconds;
+    const text_list set = options_of_get({});
+    EXPECT_THAT(set, testing::IsSupersetOf({"TIMEOUT=2147483", "CONNECTTIMEOUT=2147483"})) << seconds;
+  }
 }
 
 TEST_F(HttpHelperOptions, OfAPostEndWithHeadersAndBody) {

@@ -4,6 +4,7 @@
 #include "http_fixture.h"
 #include "http_server.h"
 #include "log_capture.h"
+#include "sanitizers.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -14,7 +15,6 @@
 namespace {
 
 using http_test::answer;
-using http_test::count_of;
 using http_test::server;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -150,8 +150,8 @@ TEST_F(HttpHelper, EmptyReplyLeavesTheEmptyText) {
 TEST_F(HttpHelper, RefusedConnectionIsToldApartByPostOnly) {
   std::string url;
   {
-    const http_test::listening_socket closed_soon;
-    url = "http://127.0.0.1:" + closed_soon.port + "/";
+    const loopback_listener closed_soon;
+    url = "http://127.0.0.1:" + std::to_string(closed_soon.port()) + "/";
   }
   EXPECT_EQ(results_for(url), (std::vector<int>{http_unconnected, -1}));
   EXPECT_EQ(status, -5);
@@ -170,18 +170,16 @@ TEST_F(HttpHelper, MissingAnswerIsToldApartByPostOnly) {
 }
 
 TEST_F(HttpHelper, MissingConnectionTimesOut) {
-  const http_test::listening_socket full{0};  // nobody accepts, and the queue is soon full
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(std::stoi(full.port)));
+  const loopback_listener full{AF_INET, 0};  // nobody accepts, and the queue is soon full
+  const sockaddr_in address = loopback(full.port());
   std::vector<fd_owner> queued;
   for (int i = 0; i < 4; ++i) {
     queued.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    (void)connect(queued.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    (void)connect(queued.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   }
   settings.http_connect_timeout = 1;
-  EXPECT_EQ(results_for("http://127.0.0.1:" + full.port), (std::vector<int>{http_timed_out, -1}));
+  EXPECT_EQ(results_for("http://127.0.0.1:" + std::to_string(full.port())),
+            (std::vector<int>{http_timed_out, -1}));
 }
 
 TEST_F(HttpHelper, FailuresAreLoggedAsErrorAndAsEvent) {
@@ -277,7 +275,7 @@ TEST_F(HttpHelper, HeadersWithoutEndAbort) {
   EXPECT_EQ(results_for(broken.url()), (std::vector<int>{http_post_failed, -1}));
 }
 
-#if !defined(__SANITIZE_THREAD__)
+#if !ORVEL_THREAD_SANITIZER  // it needs the real realloc()
 TEST_F(HttpHelper, LackOfMemoryForTheReplyAborts) {
   const server cloud{answer(200, std::string(300'000, 'x'))};
   curl_probe probe;

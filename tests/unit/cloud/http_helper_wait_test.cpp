@@ -17,9 +17,6 @@
 namespace {
 
 using http_test::answer;
-using http_test::count_of;
-using http_test::eventually;
-using http_test::logged_so_far;
 using http_test::server;
 using testing::HasSubstr;
 using testing::IsEmpty;

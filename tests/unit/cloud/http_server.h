@@ -1,9 +1,8 @@
 #pragma once
 
 #include "core/owned.h"
+#include "loopback.h"
 
-#include <arpa/inet.h>
-#include <cstdlib>
 #include <mutex>
 #include <poll.h>
 #include <string>
@@ -13,25 +12,6 @@
 #include <vector>
 
 namespace http_test {
-
-/// A listening socket on an ephemeral loopback port.
-struct listening_socket {
-  explicit listening_socket(int backlog = 16) : fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)} {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* any = reinterpret_cast<sockaddr*>(&address);
-    if (bind(fd.get(), any, size) != 0 || listen(fd.get(), backlog) != 0 ||
-        getsockname(fd.get(), any, &size) != 0) {
-      std::abort();
-    }
-    port = std::to_string(ntohs(address.sin_port));
-  }
-
-  fd_owner fd;
-  std::string port;
-};
 
 /// A plain HTTP server, or proxy, on a thread of its own. It collects what each client sends, and gives each the
 /// same answer; with an empty answer it keeps the client waiting.
@@ -47,8 +27,8 @@ public:
   server(const server&) = delete;
   server& operator=(const server&) = delete;
 
-  [[nodiscard]] const std::string& port() const { return socket_.port; }
-  [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + socket_.port + "/v1"; }
+  [[nodiscard]] std::string port() const { return std::to_string(socket_.port()); }
+  [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + port() + "/v1"; }
 
   /// Each client's whole request so far; an unreadable one (no HTTP) as far as it came at once.
   [[nodiscard]] std::vector<std::string> requests() const {
@@ -66,8 +46,8 @@ private:
   }
 
   void serve() {
-    while (readable(socket_.fd.get())) {
-      const fd_owner client{accept4(socket_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC)};
+    while (readable(socket_.fd())) {
+      const fd_owner client{accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC)};
       if (!client.valid()) continue;
       if (!take_request(client.get())) continue;
       if (answer_.empty()) readable(client.get());
@@ -106,7 +86,7 @@ private:
     }
   }
 
-  listening_socket socket_;
+  loopback_listener socket_{AF_INET, 16};
   fd_owner stop_{eventfd(0, EFD_CLOEXEC)};
   std::string answer_;
   mutable std::mutex lock_;

@@ -61,22 +61,13 @@ protected:
   }
 
   int parse_register(const std::string& text) {
-    log_capture log;
-    const int result = parse_register_reply(text.c_str(), &identity);
-    logged = log.text();
-    return result;
+    return run([&] { return parse_register_reply(text.c_str(), &identity); });
   }
   int parse_claim(const std::string& text) {
-    log_capture log;
-    const int result = parse_claim_reply(text.c_str(), &claim);
-    logged = log.text();
-    return result;
+    return run([&] { return parse_claim_reply(text.c_str(), &claim); });
   }
   int parse_advisor(const std::string& text) {
-    log_capture log;
-    const int result = parse_advisor_reply(text.c_str(), &advisor, &settings);
-    logged = log.text();
-    return result;
+    return run([&] { return parse_advisor_reply(text.c_str(), &advisor, &settings); });
   }
 
   AgentSettings settings{};
@@ -86,6 +77,13 @@ protected:
   std::string logged;
 
 private:
+  template <typename Parse> int run(Parse parse) {
+    log_capture log;
+    const int result = parse();
+    logged = log.text();
+    return result;
+  }
+
   agent_options saved_ = options;
 };
 

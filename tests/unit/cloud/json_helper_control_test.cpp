@@ -1,6 +1,8 @@
 #include "cloud/json_helper.h"
 #include "core/owned.h"
 #include "log_capture.h"
+#include "process_limits.h"
+#include "sanitizers.h"
 
 #include <climits>
 #include <cstring>
@@ -312,25 +314,19 @@ TEST_F(JsonHelperControl, HugeAndOddTextsAreReadWithoutHarm) {
   EXPECT_EQ(request.type, request_pause_connections);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Under a sanitizer the address space can't be limited.
 TEST(JsonHelperControlDeathTest, LackOfMemoryForACopyEndsTheProcess) {
+  if (under_sanitizer) GTEST_SKIP() << "the address space can't be limited";
   constexpr size_t size = 64 * 1024 * 1024;
   const std::string text =
       R"({"command":"resume_connections","carrier_id":")" + std::string(size, 'x') + "\"}";
   const auto parse_with_room_for_one_copy = [&] {
     options.log_level = level_debug;
     options.file_log = false;
-    std::ifstream statm{"/proc/self/statm"};
-    size_t pages = 0;
-    statm >> pages;
-    const rlimit limit{pages * 4096 + size + size / 2, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &limit);
+    limit_memory(size + size / 2);
     ControlRequest request;
     std::_Exit(parse_control_request(text.c_str(), &request) == 0 ? 0 : 1);
   };
   EXPECT_EXIT(parse_with_room_for_one_copy(), testing::ExitedWithCode(255), "malloc\\.");
 }
-#endif
 
 }  // namespace

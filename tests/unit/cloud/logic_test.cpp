@@ -282,7 +282,7 @@ public:
   explicit answering_in_turn(std::vector<std::string> answers)
       : thread_{[this, texts = std::move(answers)] {
           for (const std::string& text : texts) {
-            const fd_owner client{accept4(socket_.fd.get(), nullptr, nullptr, SOCK_CLOEXEC)};
+            const fd_owner client = socket_.accept_one();
             std::string request;
             char byte = 0;
             while (request.find("\r\n\r\n") == std::string::npos && recv(client.get(), &byte, 1, 0) == 1) {
@@ -295,10 +295,12 @@ public:
   answering_in_turn(const answering_in_turn&) = delete;
   answering_in_turn& operator=(const answering_in_turn&) = delete;
 
-  [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + socket_.port + "/v1"; }
+  [[nodiscard]] std::string url() const {
+    return "http://127.0.0.1:" + std::to_string(socket_.port()) + "/v1";
+  }
 
 private:
-  http_test::listening_socket socket_;
+  loopback_listener socket_;
   std::thread thread_;
 };
 

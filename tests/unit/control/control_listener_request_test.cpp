@@ -1,6 +1,8 @@
 #include "control/control_listener.h"
 
 #include "control_fixture.h"
+#include "process_limits.h"
+#include "sanitizers.h"
 
 #include <cstdlib>
 #include <gmock/gmock.h>
@@ -125,20 +127,17 @@ TEST_F(IncomingRequestTest, TheOwnHandlerNameIsReadUntilItIsSetAndThenKept) {
   EXPECT_EQ(http_requests_paused(), 1);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Under a sanitizer the address space can't be limited.
 class IncomingRequestDeathTest : public IncomingRequestTest {};
 
 TEST_F(IncomingRequestDeathTest, LackOfMemoryEndsTheProcess) {
+  if (under_sanitizer) GTEST_SKIP() << "the address space can't be limited";
   const auto handle_with_little_memory = [this] {
     options.console_log = true;
     options.log_level = level_error;
-    const rlimit limit{size_t{1} << 30, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &limit);
+    set_limit(RLIMIT_AS, size_t{1} << 30);
     std::_Exit(handle_incoming_request(nullptr, UINT32_MAX, &settings));
   };
   EXPECT_EXIT(handle_with_little_memory(), testing::ExitedWithCode(255), "malloc\\(\\)\\.");
 }
-#endif
 
 }  // namespace

@@ -1,7 +1,12 @@
 #include "control/control_listener.h"
 
 #include "control_fixture.h"
+#include "descriptors.h"
 #include "in_order.h"
+#include "loopback.h"
+#include "process_limits.h"
+#include "sanitizers.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -24,14 +29,6 @@ using testing::Not;
 
 namespace {
 
-sockaddr_in loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
-}
-
 int bind_to(int fd, uint16_t port) {
   const sockaddr_in address = loopback(port);
   return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -39,13 +36,6 @@ int bind_to(int fd, uint16_t port) {
 
 fd_owner make_socket() {
   return fd_owner{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-}
-
-uint16_t port_of(int fd) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
 }
 
 // A port that nobody uses, held by a socket that never listens: no other program gets it, and a listener that
@@ -93,14 +83,12 @@ protected:
   // A connected client. The listener may not be listening yet: then it tries again.
   [[nodiscard]] fd_owner connect_client() const {
     const sockaddr_in address = loopback(port.number);
-    for (int attempt = 0; attempt < 2000; ++attempt) {
-      fd_owner client = make_socket();
-      if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-        return client;
-      std::this_thread::sleep_for(std::chrono::milliseconds{10});
-    }
-    ADD_FAILURE() << "nobody listens";
-    return {};
+    fd_owner client;
+    EXPECT_TRUE(eventually([&] {
+      client = make_socket();
+      return connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    })) << "nobody listens";
+    return client;
   }
 
   static void send_all(int client, const std::string& text, size_t piece) {
@@ -110,15 +98,6 @@ protected:
       if (count <= 0) return;
       sent += static_cast<size_t>(count);
     }
-  }
-
-  static std::string read_all(int client) {
-    std::string answer;
-    char bytes[256];
-    for (ssize_t count = 0; (count = recv(client, bytes, sizeof bytes, 0)) > 0;) {
-      answer.append(bytes, static_cast<size_t>(count));
-    }
-    return answer;
   }
 
   // One whole exchange as a local program makes it.
@@ -351,65 +330,45 @@ TEST_F(ControlListenerTest, AFailedAcceptEndsTheThread) {
   start();
   EXPECT_EQ(ask("x"), R"({"result":-1})");  // now it listens, and has closed what it opened
   const fd_owner client = make_socket();
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit none_left = before;
-  {
-    const fd_owner next_free{dup(client.get())};
-    none_left.rlim_cur = static_cast<rlim_t>(next_free.get());
-  }
-  setrlimit(RLIMIT_NOFILE, &none_left);
+  const auto next_free = static_cast<rlim_t>(fd_owner{dup(client.get())}.get());
+  std::optional<limit_guard> none_left{std::in_place, RLIMIT_NOFILE, next_free};
   const sockaddr_in address = loopback(port.number);
   EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   const std::string text = stop(&log, true);
-  setrlimit(RLIMIT_NOFILE, &before);
+  none_left.reset();
   EXPECT_THAT(text, has_in_order({"WARNING: accept(). errno: " + std::to_string(EMFILE) + ".\n",
                                   "end control listener thread.\n"}));
-}
-
-size_t open_descriptors() {
-  const std::filesystem::directory_iterator all{"/proc/self/fd"};
-  return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 TEST_F(ControlListenerTest, AFailedWaitEndsTheThread) {
   log_capture log;
   start();
   EXPECT_EQ(ask("x"), R"({"result":-1})");  // now it listens, and has closed what it opened
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
   const size_t idle = open_descriptors();
   const fd_owner client = connect_client();
-  while (open_descriptors() < idle + 2) {  // the client's end and the accepted one
-    std::this_thread::sleep_for(std::chrono::milliseconds{1});
-  }
+  EXPECT_TRUE(
+      eventually([&] { return open_descriptors() >= idle + 2; }));  // the client's end and the accepted one
   // A wait on more descriptors than the process may have is refused.
-  const rlimit too_few{1, before.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &too_few);
+  std::optional<limit_guard> too_few{std::in_place, RLIMIT_NOFILE, rlim_t{1}};
   shutdown(client.get(), SHUT_WR);
   EXPECT_EQ(read_all(client.get()), R"({"result":-1})");
   pthread_join(thread, nullptr);
-  setrlimit(RLIMIT_NOFILE, &before);
+  too_few.reset();
   EXPECT_THAT(log.text(), has_in_order({"WARNING: select(). errno: " + std::to_string(EINVAL) + ".\n",
                                         "end control listener thread.\n"}));
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
-// The address sanitizer needs a descriptor for each thread that starts.
 TEST_F(ControlListenerTest, AMissingSocketEndsTheThread) {
+  if (under_address_sanitizer) GTEST_SKIP() << "it needs a descriptor for each thread that starts";
   log_capture log;
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  const rlimit none{0, before.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &none);
+  std::optional<limit_guard> none{std::in_place, RLIMIT_NOFILE, rlim_t{0}};
   start();
   pthread_join(thread, nullptr);
-  setrlimit(RLIMIT_NOFILE, &before);
+  none.reset();
   const std::string text = log.text();
   EXPECT_THAT(text, HasSubstr("WARNING: socket(). errno: " + std::to_string(EMFILE) + ".\n"));
   EXPECT_THAT(text, Not(HasSubstr("end control listener thread")));
 }
-#endif
 
 // A folder is always readable to poll() and never to read().
 TEST_F(ControlListenerTest, AFailedReadOfThePipeEndsTheThread) {

@@ -415,7 +415,7 @@ child_outcome parse_in_child(std::vector<std::string> arguments) {
 TEST(VersionTest, IsPrintedAndEndsTheProcessWithoutAHardwareId) {
   for (const char* name : {"-v", "--version"}) {
     const child_outcome child = parse_in_child({"orvel", name, "unknown words"});
-    EXPECT_TRUE(child.exited_with(0)) << name;
+    EXPECT_EQ(child.status, 0) << name;
     EXPECT_EQ(child.output, "Version release-3.5.9_bq917rkvn_2725daa_usi\n") << name;
   }
 }
@@ -438,7 +438,7 @@ TEST(VersionTest, OptionsBeforeItHaveTakenEffect) {
     AgentSettings settings{};
     return parse_args(4, argv, &settings);
   });
-  EXPECT_TRUE(child.exited_with(0));
+  EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.output, "Version release-3.5.9_bq917rkvn_2725daa_usi\nstored chosen\n");
 }
 
@@ -449,7 +449,7 @@ TEST(SettingsLibraryOptionsTest, ChooseTheFilesOfTheLibrary) {
     const child_outcome child =
         parse_in_child({"orvel", "--hardware_id", good_id, name, folder / "settings", "--usi_profile",
                         folder / "profile", "--usi_conf", folder / "conf"});
-    EXPECT_TRUE(child.exited_with(7));
+    EXPECT_EQ(child.status, 7);
     EXPECT_EQ(child.output,
               "profile " + folder / "profile" + "\nconfig " + folder / "conf" + "\nvalue from storage\n")
         << name;

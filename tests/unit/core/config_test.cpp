@@ -136,7 +136,7 @@ TEST(ConfigFailureTest, AStoreThatCantBeReadOrWrittenIsLoggedAndReadsAsNotSet) {
                             config_get_uint_checked("q_name", &number) == -1 && number == 7;
     return as_not_set && config_set("q_name", "x") == 0 ? 0 : 1;
   });
-  EXPECT_TRUE(child.exited_with(0)) << child.output;
+  EXPECT_EQ(child.status, 0) << child.output;
   const std::string reason = usiStrerror(USI_NOT_A_FILE);
   EXPECT_THAT(child.output, MatchesRegex("config_usi: [0-9]+:    INFO: Can't get value by name:'q_name' .*"));
   EXPECT_THAT(child.output, HasSubstr("Can't get value by name:'q_name' error: " + reason + ".\n"));

@@ -2,10 +2,16 @@
 
 #include "core/owned.h"
 
-#include "child_process.h"
+#include "descriptors.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "process_limits.h"
+#include "sanitizers.h"
+#include "temp_folder.h"
 
 #include <climits>
+#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,8 +29,8 @@ bool without_close_range = false;
 
 // Runs `daemonized` in a daemonized process and gives what that exits with and what was logged. `prepare` runs
 // before daemonize(). Daemonizing that fails exits with status 100.
-child_result run_daemonized(const std::function<void()>& prepare, const std::function<int()>& daemonized) {
-  return run_in_child([&] {
+child_outcome run_daemonized(const std::function<void()>& prepare, const std::function<int()>& daemonized) {
+  return run_logging_child([&] {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t child = fork();
     if (child == 0) {
@@ -52,22 +58,14 @@ bool is_null_device(int fd) {
          (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR && fcntl(fd, F_GETFD) == 0;
 }
 
-int open_descriptors() {
-  int count = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    if (fcntl(fd, F_GETFD) != -1) ++count;
-  }
-  return count;
-}
-
 TEST(DaemonizeTest, StandsInASessionOfItsOwnWithoutLeadingIt) {
   const pid_t session = getsid(0);
-  const child_result result = run_daemonized(nothing, [&] {
+  const child_outcome result = run_daemonized(nothing, [&] {
     if (getsid(0) == session) return 1;
     return getsid(0) == getpid() ? 2 : 0;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.console, "");
+  EXPECT_EQ(result.output, "");
 }
 
 TEST(DaemonizeTest, KeepsOnlyThreeDescriptorsOfTheNullDevice) {
@@ -100,20 +98,20 @@ TEST(DaemonizeTest, SetsFolderAndMaskAndIgnoresHangups) {
 }
 
 TEST(DaemonizeTest, WritesBufferedOutputOnce) {
-  const temporary_folder folder;
-  const std::string output = folder.file("output");
+  const temp_folder folder{std::filesystem::perms::all};
+  const std::string output = folder / "output";
   const auto prepare = [&] {
     if (std::freopen(output.c_str(), "w", stdout) == nullptr) _exit(99);
     std::fputs("said before", stdout);
   };
   EXPECT_EQ(run_daemonized(prepare, [] { return std::fflush(stdout); }).status, 0);
-  EXPECT_EQ(content_of(output), "said before");
+  EXPECT_EQ(read_text_file(output), "said before");
 }
 
 TEST(DaemonizeTest, FailsUnderInit) {
-  const child_result result = run_daemonized([] { parent_of_test = 1; }, [] { return 0; });
+  const child_outcome result = run_daemonized([] { parent_of_test = 1; }, [] { return 0; });
   EXPECT_EQ(result.status, 100);
-  EXPECT_THAT(messages(result.console), ElementsAre("INFO: the process is already daemon."));
+  EXPECT_THAT(messages(result.output), ElementsAre("INFO: the process is already daemon."));
 }
 
 TEST(DaemonizeTest, FailsWithoutANewProcess) {
@@ -121,21 +119,21 @@ TEST(DaemonizeTest, FailsWithoutANewProcess) {
     set_limit(RLIMIT_NPROC, 0);
     drop_privileges();
   };
-  const child_result result = run_daemonized(prepare, [] { return 0; });
+  const child_outcome result = run_daemonized(prepare, [] { return 0; });
   EXPECT_EQ(result.status, 100);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: fork()"));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: fork()"));
 }
 
 TEST(DaemonizeTest, FailsWithoutTheNullDevice) {
   if (geteuid() != 0) GTEST_SKIP() << "needs a root folder of its own";
-  const temporary_folder folder;
+  const temp_folder folder{std::filesystem::perms::all};
   const auto prepare = [&] {
     options.file_log = true;
     options.log_file = "/log";
     if (chroot(folder.path().c_str()) != 0) _exit(99);
   };
   EXPECT_EQ(run_daemonized(prepare, [] { return 0; }).status, 100);
-  EXPECT_THAT(content_of(folder.file("log")), testing::EndsWith("\tWARNING: open() /dev/null\n"));
+  EXPECT_THAT(read_text_file(folder / "log"), testing::EndsWith("\tWARNING: open() /dev/null\n"));
 }
 
 // With so few descriptors allowed, those from the limit on are neither closed nor replaced: standard error is
@@ -144,10 +142,10 @@ TEST(DaemonizeTest, FailsWithoutRoomForTheStandardStreams) {
   const std::pair<rlim_t, std::string> cases[] = {{1, "WARNING: dup2() [stdout]"},
                                                   {2, "WARNING: dup2() [stderr]"}};
   for (const auto& [limit, text] : cases) {
-    const child_result result =
+    const child_outcome result =
         run_daemonized([most = limit] { set_limit(RLIMIT_NOFILE, most); }, [] { return 0; });
     EXPECT_EQ(result.status, 100);
-    EXPECT_THAT(messages(result.console), ElementsAre(text));
+    EXPECT_THAT(messages(result.output), ElementsAre(text));
   }
 }
 
@@ -196,37 +194,35 @@ TEST(ExecExtAppTest, TheExitStatusIsNotReported) {
 }
 
 TEST(ExecExtAppTest, ACommandThatCantBeStartedFails) {
-  const child_result result = run_in_child([] {
+  const child_outcome result = run_logging_child([] {
     set_limit(RLIMIT_NOFILE, 3);
     return run_command("echo").result == -1 ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: Can't execute echo."));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: Can't execute echo."));
 }
 
 TEST(ExecExtAppTest, AFailedCloseIsOnlyLogged) {
-  const child_result result = run_in_child([] {
+  const child_outcome result = run_logging_child([] {
     std::signal(SIGCHLD, SIG_IGN);  // nothing is left to wait for
     const command_output run = run_command("echo some");
     return run.result == 0 && run.bytes == "some\n" ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(messages(result.console), ElementsAre("DEBUG: pclose(pipe) set errno to 10 value."));
+  EXPECT_THAT(messages(result.output), ElementsAre("DEBUG: pclose(pipe) set errno to 10 value."));
 }
 
 TEST(ExecExtAppTest, MoreOutputThanMemoryFails) {
   if (under_sanitizer) GTEST_SKIP() << "the sanitizer's allocator aborts";
-  const child_result result = run_in_child([] {
-    const std::string pages = content_of("/proc/self/statm");
-    const rlim_t present = std::strtoull(pages.c_str(), nullptr, 10) * static_cast<rlim_t>(getpagesize());
-    set_limit(RLIMIT_AS, present + (32U << 20U));
+  const child_outcome result = run_logging_child([] {
+    limit_memory(32U << 20U);
     uint32_t length = 77;
     void* output = &length;
     const int outcome = exec_ext_app("head -c 100000000 /dev/zero", &output, &length);
     return outcome == -1 && output == nullptr && length == 0 ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: realloc() in exec_ext_app."));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: realloc() in exec_ext_app."));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "core/exit_process.h"
 
-#include "child_process.h"
+#include "logging_child.h"
 
 #include <atomic>
 #include <cstdio>
@@ -10,23 +10,23 @@ namespace {
 
 TEST(ExitProcessTest, EndsWithTheStatus) {
   for (const int status : {0, 1, 255}) {
-    EXPECT_EQ(run_in_child([&]() -> int { exit_process(status); }).status, status);
+    EXPECT_EQ(run_logging_child([&]() -> int { exit_process(status); }).status, status);
   }
 }
 
 TEST(ExitProcessTest, MinusOneIsStatus255) {
-  EXPECT_EQ(run_in_child([]() -> int { exit_process(-1); }).status, 255);
+  EXPECT_EQ(run_logging_child([]() -> int { exit_process(-1); }).status, 255);
 }
 
 TEST(ExitProcessTest, RunsExitHandlersAndWritesBufferedOutput) {
-  const child_result result = run_in_child([]() -> int {
+  const child_outcome result = run_logging_child([]() -> int {
     static char buffer[BUFSIZ];
     std::setvbuf(stderr, buffer, _IOFBF, sizeof buffer);
     std::atexit([] { std::fputs("handler ", stderr); });
     std::fputs("body ", stderr);
     exit_process(0);
   });
-  EXPECT_EQ(result.console, "body handler ");
+  EXPECT_EQ(result.output, "body handler ");
 }
 
 // The first caller stands in an exit handler until the second one has called, too.
@@ -38,7 +38,7 @@ void second_caller() {
 }
 
 TEST(ExitProcessTest, ASecondCallerWaitsForTheFirst) {
-  const child_result result = run_in_child([]() -> int {
+  const child_outcome result = run_logging_child([]() -> int {
     std::atexit([] {
       std::thread{second_caller}.detach();
       while (second_caller_ready == 0) {
@@ -51,7 +51,7 @@ TEST(ExitProcessTest, ASecondCallerWaitsForTheFirst) {
     exit_process(3);
   });
   EXPECT_EQ(result.status, 3);
-  EXPECT_EQ(result.console, "first");
+  EXPECT_EQ(result.output, "first");
 }
 
 }  // namespace

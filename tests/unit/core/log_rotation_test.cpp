@@ -1,21 +1,15 @@
 #include "core/log_rotation.h"
 
-#include "core/log.h"
-#include "core/options.h"
 #include "forked.h"
+#include "process_limits.h"
+#include "rotation_fixture.h"
 #include "sanitizers.h"
-#include "temp_folder.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <random>
 #include <sched.h>
 #include <set>
 #include <sstream>
@@ -25,114 +19,10 @@
 #include <thread>
 #include <unistd.h>
 #include <vector>
-#include <zlib.h>
 
 namespace {
 
 using testing::ElementsAre;
-
-// The content of a whole and valid gzip file; "broken" otherwise.
-std::string read_gzip(const std::string& name) {
-  const std::string raw = read_text_file(name);
-  gzFile file = gzopen(name.c_str(), "rb");
-  if (raw.compare(0, 2, "\x1f\x8b") != 0 || file == nullptr) return "broken";
-  std::string content;
-  char block[4096];
-  int size = 0;
-  while ((size = gzread(file, block, sizeof block)) > 0) {
-    content.append(block, static_cast<size_t>(size));
-  }
-  return gzclose(file) == Z_OK && size == 0 ? content : "broken";
-}
-
-// A lock on a file or folder, as another process would hold it.
-class held_lock {
-public:
-  held_lock(const std::string& name, int kind) : fd_{open(name.c_str(), O_RDONLY | O_CLOEXEC)} {
-    EXPECT_EQ(flock(fd_, kind), 0) << strerror(errno);
-  }
-  ~held_lock() {
-    flock(fd_, LOCK_UN);  // by word: a child may hold a copy
-    close(fd_);
-  }
-  held_lock(const held_lock&) = delete;
-  held_lock& operator=(const held_lock&) = delete;
-
-private:
-  int fd_;
-};
-
-class RotationTest : public testing::Test {
-protected:
-  RotationTest() {
-    options.log_level = level_debug;
-    options.console_log = false;
-    options.file_log = true;
-    options.log_file = file.c_str();
-    options.log_rotation_size = 4096;
-    options.log_rotation_count = 5;
-  }
-  ~RotationTest() override {
-    wait_for_compression();
-    options = saved;
-  }
-
-  // Returns once no compression runs. Taking part in the turns of rotation, without need for one, makes what the
-  // compression thread did visible to this thread.
-  void wait_for_compression() const {
-    const int fd = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{60};
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0 && std::chrono::steady_clock::now() < deadline) {
-      usleep(1000);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now(), deadline) << "a compression doesn't end";
-    flock(fd, LOCK_UN);
-    close(fd);
-    rotate_log((folder / "absent").c_str(), 0);
-  }
-
-  // A line of exactly `length` bytes in the file, whose message begins with `mark`.
-  void write_line(const std::string& mark, size_t length) const {
-    const size_t frame = std::string{"2000-01-01 00:00:00 ():m:1\t   INFO: \n"}.size();
-    const size_t fill = length - frame - std::to_string(getpid()).size() - mark.size();
-    log_write(level_info, "m", 1, "%s%s\n", mark.c_str(), std::string(fill, '.').c_str());
-  }
-
-  // The folder's files, by name.
-  [[nodiscard]] std::vector<std::string> files() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator{folder.path()}) {
-      names.push_back(entry.path().filename());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  [[nodiscard]] std::string generation(int n) const { return file + "." + std::to_string(n); }
-
-  // The marks of a file's lines, one after the other: they are single letters here.
-  static std::string marks(const std::string& content) {
-    std::string found;
-    for (size_t at = 0; (at = content.find("INFO: ", at)) != std::string::npos; ++at) {
-      found += content[at + 6];
-    }
-    return found;
-  }
-
-  // How many descriptors of this process are open on the file.
-  static int times_opened(const std::string& name) {
-    int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
-      std::error_code closed_meanwhile;
-      if (std::filesystem::read_symlink(entry.path(), closed_meanwhile) == name) ++count;
-    }
-    return count;
-  }
-
-  agent_options saved = options;
-  temp_folder folder;
-  std::string file = folder / "log";
-};
 
 TEST_F(RotationTest, ALineThatJustFitsStaysAndOneByteMoreRotates) {
   write_line("a", 2048);
@@ -226,7 +116,7 @@ TEST_F(RotationTest, ARelativeNameRotatesInTheWorkingFolder) {
     wait_for_compression();
     return 0;
   });
-  EXPECT_TRUE(child.exited_with(0));
+  EXPECT_EQ(child.status, 0);
   EXPECT_THAT(files(), ElementsAre("log", "log.1.gz"));
 }
 
@@ -289,9 +179,8 @@ TEST_F(RotationTest, TheLineOfALateWriterIsWaitedFor) {
   const int late = open(generation(1).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   ASSERT_EQ(flock(late, LOCK_SH), 0);
   std::thread compression{[this] { compress_rotated(strdup(file.c_str())); }};
-  while (times_opened(generation(1)) < 2 && !std::filesystem::exists(generation(1) + ".gz")) {
-    usleep(1000);
-  }
+  EXPECT_TRUE(eventually(
+      [this] { return times_opened(generation(1)) >= 2 || std::filesystem::exists(generation(1) + ".gz"); }));
   // Now and then it looks whether the writer is done, and nothing more.
   for (int i = 0; i < 100; ++i) {
     EXPECT_FALSE(std::filesystem::exists(generation(1) + ".gz"));
@@ -456,6 +345,32 @@ TEST_F(RotationTest, TwoProcessesThatWriteAndRotateOneLogLoseNoLine) {
   EXPECT_TRUE(all_lines(folder.path()) == expected);
 }
 
+TEST_F(RotationTest, ACompressionThatIsKilledLeavesAPartBesideTheWholeGeneration) {
+  const std::string noise = incompressible(160'000);
+  write_text_file(generation(1), noise);
+  const child_outcome child = run_in_child([&] {
+    std::signal(SIGXFSZ, SIG_DFL);
+    set_limit(RLIMIT_CORE, 0);
+    set_limit(RLIMIT_FSIZE, 50'000);  // a write past that kills the process
+    compress_rotated(strdup(file.c_str()));
+    return 0;
+  });
+  EXPECT_EQ(child.status, -1);
+  EXPECT_THAT(files(), ElementsAre("log.1", "log.1.gz.part"));
+  EXPECT_TRUE(read_text_file(generation(1)) == noise);
+}
+
+TEST_F(RotationTest, ARotationRemovesThePartsOfKilledCompressions) {
+  write_line("a", 3000);
+  for (const int n : {1, 2, 5}) {
+    write_text_file(generation(n) + ".gz.part", "half");
+  }
+  write_line("b", 3000);
+  wait_for_compression();
+  EXPECT_THAT(files(), ElementsAre("log", "log.1.gz"));
+  EXPECT_EQ(marks(read_gzip(generation(1) + ".gz")), "a");
+}
+
 TEST_F(RotationTest, ACompressionWithoutSpaceKeepsThePlainGeneration) {
   constexpr int no_mount = 99;
   const child_outcome child = run_in_child([&] {
@@ -463,18 +378,14 @@ TEST_F(RotationTest, ACompressionWithoutSpaceKeepsThePlainGeneration) {
         mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=256k") != 0) {
       return no_mount;
     }
-    std::string noise;
-    std::minstd_rand random{1};
-    while (noise.size() < 160'000) {
-      noise += static_cast<char>(random() >> 8);
-    }
+    const std::string noise = incompressible(160'000);
     write_text_file(generation(1), noise);
     compress_rotated(strdup(file.c_str()));
     if (files() != std::vector<std::string>{"log.1"}) return 1;
     return read_text_file(generation(1)) == noise ? 0 : 2;
   });
-  if (child.exited_with(no_mount)) GTEST_SKIP() << "mounting a small disk needs root";
-  EXPECT_TRUE(child.exited_with(0)) << child.status;
+  if (child.status == no_mount) GTEST_SKIP() << "mounting a small disk needs root";
+  EXPECT_EQ(child.status, 0);
 }
 
 }  // namespace

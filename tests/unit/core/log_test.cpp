@@ -1,9 +1,14 @@
 #include "core/log.h"
 
 #include "core/options.h"
+#include "core/owned.h"
+#include "descriptors.h"
 #include "forked.h"
+#include "interrupted_call.h"
+#include "process_limits.h"
 #include "sanitizers.h"
 #include "temp_folder.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,7 +24,7 @@
 #include <string>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -270,8 +275,30 @@ TEST_F(LogTest, AWriteThatFailsIsReported) {
   for (int i = 0; i < 50; ++i) {
     expected += std::string{"log_rotation_fwrite(): No space left on device\n"} + failure;
   }
-  EXPECT_TRUE(child.exited_with(0));
+  EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.output, expected);
+}
+
+TEST_F(LogTest, AnInterruptedWriteIsRepeated) {
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  const fd_owner reader{open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+  const fd_owner filler{open(file.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)};
+  const std::string filling(static_cast<size_t>(fcntl(filler.get(), F_GETPIPE_SZ)), '.');
+  ASSERT_EQ(write(filler.get(), filling.data(), filling.size()), static_cast<ssize_t>(filling.size()));
+  testing::internal::CaptureStderr();
+  std::string bytes;
+  {
+    interrupted_call writer{[] { log_write(level_info, "module", 1, "gets through\n"); }};
+    writer.interrupt();
+    char block[4096];
+    EXPECT_TRUE(eventually([&] {
+      const ssize_t count = read(reader.get(), block, sizeof block);
+      if (count > 0) bytes.append(block, static_cast<size_t>(count));
+      return bytes.ends_with('\n');
+    }));
+  }
+  EXPECT_THAT(bytes, EndsWith(": gets through\n"));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), IsEmpty());
 }
 
 TEST_F(LogTest, AStrangersLockStopsNobody) {
@@ -284,12 +311,8 @@ TEST_F(LogTest, AStrangersLockStopsNobody) {
 }
 
 TEST_F(LogTest, LeavesNoDescriptorOpen) {
-  const auto open_descriptors = [] {
-    const std::filesystem::directory_iterator all{"/proc/self/fd"};
-    return std::distance(begin(all), end(all));
-  };
   log_write(level_info, "module", 1, "x\n");
-  const auto before = open_descriptors();
+  const size_t before = open_descriptors();
   for (int i = 0; i < 100; ++i) {
     log_write(level_info, "module", 1, "x\n");
   }
@@ -321,46 +344,33 @@ TEST_F(LogTest, ThreadsLoseAndMixNoLines) {
   }
 }
 
-constexpr bool has_sanitizer = under_address_sanitizer || under_thread_sanitizer;
-
 // More than the 64 MiB of address space that the C library keeps for each of its heaps.
 constexpr size_t huge_size = 70'000'000;
 
-// Lets this process take only `bytes` more of address space.
-bool allow_only(size_t bytes) {
-  std::ifstream status{"/proc/self/statm"};
-  size_t pages = 0;
-  status >> pages;
-  rlimit limit{};
-  getrlimit(RLIMIT_AS, &limit);
-  limit.rlim_cur = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + bytes;
-  return setrlimit(RLIMIT_AS, &limit) == 0;
-}
-
 TEST_F(LogTest, AMessageThatCantBeAllocatedIsDropped) {
-  if (has_sanitizer) GTEST_SKIP() << "the sanitizers' allocators need the address space";
+  if (under_sanitizer) GTEST_SKIP() << "the sanitizers' allocators need the address space";
   const child_outcome child = run_in_child([&] {
     options.console_log = true;
     const std::string huge(huge_size, 'x');
-    if (!allow_only(30'000'000)) return 1;
+    limit_memory(30'000'000);
     log_write(level_error, "module", 1, "%s\n", huge.c_str());
     log_write(level_error, "module", 2, "small\n");
     return 0;
   });
-  EXPECT_TRUE(child.exited_with(0));
+  EXPECT_EQ(child.status, 0);
   EXPECT_TRUE(child.output == "module: 2: WARNING: small\n") << child.output.size();
   EXPECT_THAT(read_text_file(file), MatchesRegex(STAMP "[^\n]*:2\tWARNING: small\n"));
 }
 
 TEST_F(LogTest, ALineThatCantBeAllocatedIsReported) {
-  if (has_sanitizer) GTEST_SKIP() << "the sanitizers' allocators need the address space";
+  if (under_sanitizer) GTEST_SKIP() << "the sanitizers' allocators need the address space";
   const child_outcome child = run_in_child([&] {
     const std::string huge(huge_size, 'x');
-    if (!allow_only(100'000'000)) return 1;
+    limit_memory(100'000'000);
     log_write(level_error, "module", 1, "%s\n", huge.c_str());
     return 0;
   });
-  EXPECT_TRUE(child.exited_with(0));
+  EXPECT_EQ(child.status, 0);
   EXPECT_EQ(child.output, std::string{"log_rotation_fwrite(): Cannot allocate memory\n"} + failure);
   EXPECT_FALSE(std::filesystem::exists(file));
 }
@@ -395,7 +405,7 @@ protected:
 };
 
 #define SKIP_WITHOUT_MOUNT(child) \
-  if ((child).exited_with(no_mount)) GTEST_SKIP() << "mounting a small disk needs root"
+  if ((child).status == no_mount) GTEST_SKIP() << "mounting a small disk needs root"
 
 TEST_F(FullDiskTest, CostsTheOldestGenerationsOneByOne) {
   const child_outcome child = on_small_disk([&] {
@@ -410,7 +420,7 @@ TEST_F(FullDiskTest, CostsTheOldestGenerationsOneByOne) {
     return read_text_file(file).ends_with(": gets through\n") ? 0 : 3;
   });
   SKIP_WITHOUT_MOUNT(child);
-  EXPECT_TRUE(child.exited_with(0)) << child.status;
+  EXPECT_EQ(child.status, 0);
   EXPECT_THAT(child.output, IsEmpty());
 }
 
@@ -423,7 +433,7 @@ TEST_F(FullDiskTest, PrefersThePlainFormOfTheOldestGeneration) {
     return !exists("agent.log.5") && exists("agent.log.5.gz") ? 0 : 1;
   });
   SKIP_WITHOUT_MOUNT(child);
-  EXPECT_TRUE(child.exited_with(0)) << child.status;
+  EXPECT_EQ(child.status, 0);
 }
 
 TEST_F(FullDiskTest, ALineWaitsForSpaceAndHoldsItsFileMeanwhile) {
@@ -431,9 +441,7 @@ TEST_F(FullDiskTest, ALineWaitsForSpaceAndHoldsItsFileMeanwhile) {
     write_text_file(folder / "agent.log.1", "");  // its end shows that the line waits
     fill_disk();
     std::thread writer{[] { log_write(level_info, "module", 1, "gets through\n"); }};
-    while (exists("agent.log.1")) {
-      usleep(1000);
-    }
+    eventually([&] { return !exists("agent.log.1"); });
     const int other = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     const bool held = flock(other, LOCK_EX | LOCK_NB) != 0;
     close(other);
@@ -443,7 +451,7 @@ TEST_F(FullDiskTest, ALineWaitsForSpaceAndHoldsItsFileMeanwhile) {
     return read_text_file(file).ends_with(": gets through\n") ? 0 : 2;
   });
   SKIP_WITHOUT_MOUNT(child);
-  EXPECT_TRUE(child.exited_with(0)) << child.status;
+  EXPECT_EQ(child.status, 0);
   EXPECT_THAT(child.output, IsEmpty());
 }
 
@@ -459,7 +467,7 @@ TEST_F(FullDiskTest, NeverStopsTheProgramAndHealsWhenSpaceComes) {
     return read_text_file(file).ends_with(": gets through\n") ? 0 : 2;
   });
   SKIP_WITHOUT_MOUNT(child);
-  EXPECT_TRUE(child.exited_with(0)) << child.status;
+  EXPECT_EQ(child.status, 0);
   const std::string once = std::string{"log_rotation_fwrite(): No space left on device\n"} + failure;
   EXPECT_EQ(child.output, once + once + once);
 }

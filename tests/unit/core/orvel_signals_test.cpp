@@ -3,7 +3,8 @@
 #include "cloud/logic_state.h"
 #include "core/daemon.h"
 
-#include "child_process.h"
+#include "logging_child.h"
+#include "process_limits.h"
 #include "settings_file.h"
 
 #include <csignal>
@@ -32,8 +33,8 @@ protected:
   SignalsTest() { settings_file::fill({{"q_agent_connected", "1"}, {"q_agent_pid", "7"}}); }
 
   // What becomes of a process that is prepared by `prepare`, gets the signals and serves them.
-  template <typename Prepare> static child_result served(const std::vector<int>& numbers, Prepare prepare) {
-    return run_in_child([&] {
+  template <typename Prepare> static child_outcome served(const std::vector<int>& numbers, Prepare prepare) {
+    return run_logging_child([&] {
       if (install_signal_handlers(false) != 0) return 90;
       prepare();
       let_signals_in();
@@ -45,7 +46,7 @@ protected:
       return 42;
     });
   }
-  static child_result served(const std::vector<int>& numbers) {
+  static child_outcome served(const std::vector<int>& numbers) {
     return served(numbers, [] {});
   }
 
@@ -60,17 +61,17 @@ protected:
 };
 
 TEST_F(SignalsTest, TerminationBeforeTheControlPipeEndsTheProcessAtOnce) {
-  const child_result child = served({SIGTERM});
-  EXPECT_EQ(child.status, 0) << child.console;
-  EXPECT_THAT(child.console, HasSubstr("orvel: "));
-  EXPECT_THAT(child.console, HasSubstr("DEBUG: received sigterm\n"));
+  const child_outcome child = served({SIGTERM});
+  EXPECT_EQ(child.status, 0) << child.output;
+  EXPECT_THAT(child.output, HasSubstr("orvel: "));
+  EXPECT_THAT(child.output, HasSubstr("DEBUG: received sigterm\n"));
   EXPECT_EQ(settings_file::value("q_agent_connected"), "0");
   EXPECT_EQ(settings_file::value("q_agent_pid"), "0");
 }
 
 TEST_F(SignalsTest, TerminationTellsTheControlListenerHowFarStartUpIs) {
   for (const int waiting : {0, 1}) {
-    const child_result child = run_in_child([&] {
+    const child_outcome child = run_logging_child([&] {
       if (install_signal_handlers(false) != 0) return 90;
       const int read_end = open_control_pipe();
       termination.main_waiting = waiting;
@@ -82,37 +83,37 @@ TEST_F(SignalsTest, TerminationTellsTheControlListenerHowFarStartUpIs) {
       if (read(read_end, &byte, 1) != 1 || termination.sigterm_received != 1) return 92;
       return static_cast<int>(byte);
     });
-    EXPECT_EQ(child.status, waiting == 1 ? 's' : 't') << child.console;
+    EXPECT_EQ(child.status, waiting == 1 ? 's' : 't') << child.output;
   }
 }
 
 TEST_F(SignalsTest, ATerminationThatCanNotBePassedOnIsLogged) {
-  const child_result child = served({SIGTERM}, [] {
+  const child_outcome child = served({SIGTERM}, [] {
     termination.control_pipe = -1;
     termination.pipe_ready = 1;
   });
-  EXPECT_EQ(child.status, 42) << child.console;
-  EXPECT_THAT(child.console,
+  EXPECT_EQ(child.status, 42) << child.output;
+  EXPECT_THAT(child.output,
               HasSubstr("write() error 9 in sig term handler. Possibly process won't be terminated\n"));
 }
 
 TEST_F(SignalsTest, TheSecondUserSignalReportsTheState) {
-  const child_result child = served({SIGUSR2}, [] { orvel_state_init(0); });
+  const child_outcome child = served({SIGUSR2}, [] { orvel_state_init(0); });
   EXPECT_EQ(child.status, 42);
-  EXPECT_THAT(child.console, HasSubstr("orvel: "));
-  EXPECT_THAT(child.console, HasSubstr("DEBUG: sig_usr2 handler.\n"));
-  EXPECT_THAT(child.console, HasSubstr("\"event\":\t1,"));
+  EXPECT_THAT(child.output, HasSubstr("orvel: "));
+  EXPECT_THAT(child.output, HasSubstr("DEBUG: sig_usr2 handler.\n"));
+  EXPECT_THAT(child.output, HasSubstr("\"event\":\t1,"));
 }
 
 TEST_F(SignalsTest, BeforeThereIsAStateTheSecondUserSignalReportsNothing) {
-  const child_result child = served({SIGUSR2});
+  const child_outcome child = served({SIGUSR2});
   EXPECT_EQ(child.status, 42);
-  EXPECT_THAT(child.console, HasSubstr("DEBUG: sig_usr2 handler.\n"));
-  EXPECT_THAT(child.console, Not(HasSubstr("connected")));
+  EXPECT_THAT(child.output, HasSubstr("DEBUG: sig_usr2 handler.\n"));
+  EXPECT_THAT(child.output, Not(HasSubstr("connected")));
 }
 
 TEST_F(SignalsTest, TheFirstUserSignalEndsTheSleeps) {
-  const child_result child = run_in_child([] {
+  const child_outcome child = run_logging_child([] {
     if (install_signal_handlers(false) != 0) return 90;
     std::atomic<bool> awake{false};
     std::thread sleeper{[&] {
@@ -131,11 +132,11 @@ TEST_F(SignalsTest, TheFirstUserSignalEndsTheSleeps) {
     signaller.join();
     return 42;
   });
-  EXPECT_EQ(child.status, 42) << child.console;
+  EXPECT_EQ(child.status, 42) << child.output;
 }
 
 TEST_F(SignalsTest, ASignalOfThisProcessToAThreadOnlyBreaksItsCall) {
-  const child_result child = run_in_child([] {
+  const child_outcome child = run_logging_child([] {
     if (install_signal_handlers(false) != 0) return 90;
     let_signals_in();
     errno = 77;
@@ -146,12 +147,12 @@ TEST_F(SignalsTest, ASignalOfThisProcessToAThreadOnlyBreaksItsCall) {
     serve_signals();
     return 42;
   });
-  EXPECT_EQ(child.status, 42) << child.console;
-  EXPECT_THAT(child.console, HasSubstr("sig_usr2 handler.\n"));  // only the first one is used between threads
+  EXPECT_EQ(child.status, 42) << child.output;
+  EXPECT_THAT(child.output, HasSubstr("sig_usr2 handler.\n"));  // only the first one is used between threads
 }
 
 TEST_F(SignalsTest, AFullPipeLosesNoKindOfSignal) {
-  const child_result child = run_in_child([] {
+  const child_outcome child = run_logging_child([] {
     if (install_signal_handlers(false) != 0) return 90;
     let_signals_in();
     for (int i = 0; i < 70'000; ++i) {
@@ -164,12 +165,12 @@ TEST_F(SignalsTest, AFullPipeLosesNoKindOfSignal) {
     return 42;
   });
   EXPECT_EQ(child.status, 42);
-  EXPECT_THAT(child.console, HasSubstr("sig_usr2 handler.\n"));
+  EXPECT_THAT(child.output, HasSubstr("sig_usr2 handler.\n"));
 }
 
 TEST_F(SignalsTest, DispositionsAreAsTheyShouldBe) {
   for (const bool under_watchdog : {false, true}) {
-    const child_result child = run_in_child([&] {
+    const child_outcome child = run_logging_child([&] {
       signal(SIGHUP, SIG_DFL);
       if (install_signal_handlers(under_watchdog) != 0) return 90;
       struct sigaction found {};
@@ -190,13 +191,12 @@ TEST_F(SignalsTest, DispositionsAreAsTheyShouldBe) {
 }
 
 TEST_F(SignalsTest, InstallingFailsWithoutDescriptors) {
-  const child_result child = run_in_child([] {
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_NOFILE, &none);
+  const child_outcome child = run_logging_child([] {
+    set_limit(RLIMIT_NOFILE, 0);
     return install_signal_handlers(false) == -1 ? 42 : 1;
   });
   EXPECT_EQ(child.status, 42);
-  EXPECT_THAT(child.console, Not(HasSubstr("signal")));  // its caller says so
+  EXPECT_THAT(child.output, Not(HasSubstr("signal")));  // its caller says so
 }
 
 }  // namespace

@@ -2,7 +2,11 @@
 
 #include "core/owned.h"
 
-#include "child_process.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "process_limits.h"
+#include "sanitizers.h"
+#include "temp_folder.h"
 
 #include <csignal>
 #include <cstring>
@@ -38,7 +42,7 @@ TEST_F(StrAppendTest, NothingToStoreLeavesNull) {
 
 TEST_F(StrAppendTest, WithoutMemoryTheTextStaysAsItIs) {
   if (under_sanitizer) GTEST_SKIP() << "a sanitizer ends the process instead";
-  const child_result child = run_in_child([] {
+  const child_outcome child = run_logging_child([] {
     constexpr size_t large = 64U << 20U;
     const c_string piece{static_cast<char*>(std::malloc(large))};
     std::memset(piece.get(), 'x', large - 1);
@@ -51,18 +55,12 @@ TEST_F(StrAppendTest, WithoutMemoryTheTextStaysAsItIs) {
     return held == before && std::strcmp(held, "held") == 0 ? 42 : 1;
   });
   EXPECT_EQ(child.status, 42);
-  EXPECT_EQ(child.console, "");
+  EXPECT_EQ(child.output, "");
 }
 
 class ResolveLinkTest : public testing::Test {
 protected:
-  ResolveLinkTest() {
-    char name[] = "/tmp/orvel-link-XXXXXX";
-    folder = mkdtemp(name);
-  }
-  ~ResolveLinkTest() override { std::filesystem::remove_all(folder); }
-
-  std::filesystem::path folder;
+  temp_folder folder;
 };
 
 TEST_F(ResolveLinkTest, GivesTheTargetAsItIsWritten) {
@@ -72,7 +70,7 @@ TEST_F(ResolveLinkTest, GivesTheTargetAsItIsWritten) {
 }
 
 TEST_F(ResolveLinkTest, AFileOrNothingIsNoLink) {
-  EXPECT_EQ(resolve_link(folder.c_str()), nullptr);
+  EXPECT_EQ(resolve_link(folder.path().c_str()), nullptr);
   EXPECT_EQ(resolve_link((folder / "absent").c_str()), nullptr);
 }
 
@@ -89,12 +87,12 @@ TEST(SignalMaskTest, ClearingLetsEverySignalThrough) {
 }
 
 TEST(OrvelMainTest, WithoutSettingsItEndsTheProcessWithStatus1) {
-  const child_result child = run_in_child([]() -> int {
+  const child_outcome child = run_logging_child([]() -> int {
     orvel_main(nullptr);
     return 42;
   });
   EXPECT_EQ(child.status, 1);
-  EXPECT_EQ(messages(child.console), std::vector<std::string>{"DEBUG: orvel_main..."});
+  EXPECT_EQ(messages(child.output), std::vector<std::string>{"DEBUG: orvel_main..."});
 }
 
 }  // namespace

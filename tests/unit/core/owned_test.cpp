@@ -2,7 +2,9 @@
 
 #include "core/log.h"
 
-#include "child_process.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "sanitizers.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -122,30 +124,30 @@ TEST(MustCopyTest, NullStaysNullIfItMayBe) {
 
 TEST(AllocationFailureTest, LogsThePlaceAndEndsTheProcess) {
   const allocation_site site{"some_module", 42, "malloc.\n", 255};
-  const child_result result = run_in_child([&]() -> int { allocation_failed(site); });
+  const child_outcome result = run_logging_child([&]() -> int { allocation_failed(site); });
   EXPECT_EQ(result.status, 255);
-  EXPECT_EQ(result.console, "some_module: 42: WARNING: malloc.\n");
+  EXPECT_EQ(result.output, "some_module: 42: WARNING: malloc.\n");
 }
 
 TEST(AllocationFailureTest, EndsTheProcessWhenABlockCantBeHad) {
   if (under_sanitizer) GTEST_SKIP() << "the sanitizer's allocator aborts";
-  const child_result result = run_in_child([] {
+  const child_outcome result = run_logging_child([] {
     std::free(must_allocate(too_much, ALLOCATION("malloc().\n", 3)));
     return 0;
   });
   EXPECT_EQ(result.status, 3);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: malloc()."));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: malloc()."));
 }
 
 TEST(AllocationFailureTest, TheStandardLibrarysAllocationsEndTheProcessToo) {
   if (under_sanitizer) GTEST_SKIP() << "the sanitizer's allocator aborts";
-  const child_result result = run_in_child([] {
+  const child_outcome result = run_logging_child([] {
     install_new_handler();
     ::operator delete(::operator new(too_much));
     return 0;
   });
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: malloc()."));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: malloc()."));
 }
 
 }  // namespace

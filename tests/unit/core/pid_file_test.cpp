@@ -1,10 +1,14 @@
 #include "core/daemon.h"
 
-#include "child_process.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "process_limits.h"
+#include "real_function.h"
+#include "temp_folder.h"
 
 #include <cerrno>
-#include <dlfcn.h>
+#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -48,8 +52,8 @@ protected:
     return holder;
   }
 
-  temporary_folder folder;
-  std::string path = folder.file("agent.pid");
+  temp_folder folder{std::filesystem::perms::all};
+  std::string path = folder / "agent.pid";
   std::string opened = "DEBUG: open() " + path;
 };
 
@@ -61,7 +65,7 @@ TEST_F(PidFileTest, NamesTheProcessAndIsLocked) {
   struct stat status {};
   EXPECT_EQ(fstat(fd, &status), 0);
   EXPECT_EQ(status.st_mode, S_IFREG | 0660U);
-  EXPECT_EQ(content_of(path), std::to_string(getpid()) + "\n");
+  EXPECT_EQ(read_text_file(path), std::to_string(getpid()) + "\n");
   EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
   close(fd);
 }
@@ -83,17 +87,17 @@ TEST_F(PidFileTest, SaysNothingWhenItIsNew) {
 
 TEST_F(PidFileTest, OfALiveProcessStopsTheStart) {
   const std::string pid = std::to_string(getppid());
-  write_file(path, pid + "\n");
+  write_text_file(path, pid + "\n");
   EXPECT_THAT(log_of_failure(),
               ElementsAre(opened, "INFO: opened ok",
                           "DEBUG: read from pid file pid " + pid + ", kill result is 0, errno is 0",
                           "INFO: Daemon is already running."));
-  EXPECT_EQ(content_of(path), pid + "\n");
+  EXPECT_EQ(read_text_file(path), pid + "\n");
 }
 
 TEST_F(PidFileTest, OfADeadProcessIsReplaced) {
   const std::string pid = std::to_string(dead_process());
-  write_file(path, pid + "\n");
+  write_text_file(path, pid + "\n");
   log_capture log;
   const int fd = lock_pid_file(path.c_str());
   EXPECT_THAT(messages(log.text()),
@@ -101,26 +105,26 @@ TEST_F(PidFileTest, OfADeadProcessIsReplaced) {
                           "DEBUG: read from pid file pid " + pid + ", kill result is -1, errno is 3",
                           "INFO: Remove not associated pid file."));
   EXPECT_EQ(lock_holder(), getpid());
-  EXPECT_EQ(content_of(path), std::to_string(getpid()) + "\n");  // reading the file drops the lock
+  EXPECT_EQ(read_text_file(path), std::to_string(getpid()) + "\n");  // reading the file drops the lock
   close(fd);
 }
 
 TEST_F(PidFileTest, OfAnotherUsersProcessStopsTheStart) {
-  write_file(path, "1\n");
+  write_text_file(path, "1\n");
   std::filesystem::permissions(path, std::filesystem::perms{0666});
-  const child_result result = run_in_child([&] {
+  const child_outcome result = run_logging_child([&] {
     drop_privileges();
     return lock_pid_file(path.c_str()) == -1 ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(messages(result.console),
+  EXPECT_THAT(messages(result.output),
               ElementsAre(opened, "INFO: opened ok",
                           "DEBUG: read from pid file pid 1, kill result is -1, errno is 1",
                           "WARNING: kill(). errno 1"));
 }
 
 TEST_F(PidFileTest, OnlyEightCharactersOfTheNumberAreRead) {
-  write_file(path, "  123456789\n");
+  write_text_file(path, "  123456789\n");
   log_capture log;
   const int fd = lock_pid_file(path.c_str());
   EXPECT_THAT(log.text(),
@@ -131,12 +135,12 @@ TEST_F(PidFileTest, OnlyEightCharactersOfTheNumberAreRead) {
 
 TEST_F(PidFileTest, WithoutANumberStopsTheStart) {
   for (const char* content : {"", "\n", "agent 12\n", "-\n"}) {
-    write_file(path, content);
+    write_text_file(path, content);
     EXPECT_THAT(log_of_failure(),
                 ElementsAre(opened, "INFO: opened ok",
                             "WARNING: Error reading data from pid file - possibly data is in wrong format"))
         << content;
-    EXPECT_EQ(content_of(path), content);
+    EXPECT_EQ(read_text_file(path), content);
   }
 }
 
@@ -148,66 +152,66 @@ TEST_F(PidFileTest, ThatCantBeOpenedForReadingStopsTheStart) {
 }
 
 TEST_F(PidFileTest, InAMissingFolderStopsTheStart) {
-  path = folder.file("absent/agent.pid");
+  path = folder / "absent/agent.pid";
   EXPECT_THAT(log_of_failure(), ElementsAre("DEBUG: open() " + path, "WARNING: lock file access()."));
 }
 
 TEST_F(PidFileTest, ThatIsADanglingLinkStopsTheStart) {
-  std::filesystem::create_symlink(folder.file("absent"), path);
+  std::filesystem::create_symlink(folder / "absent", path);
   EXPECT_THAT(log_of_failure(), ElementsAre(opened, "WARNING: lock file access()."));
 }
 
 TEST_F(PidFileTest, ThatCantBeWrittenIsRemoved) {
-  const child_result result = run_in_child([&] {
+  const child_outcome result = run_logging_child([&] {
     std::signal(SIGXFSZ, SIG_IGN);
     set_limit(RLIMIT_FSIZE, 0);
     return lock_pid_file(path.c_str()) == -1 ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(messages(result.console), ElementsAre("WARNING: write() " + path));
+  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: write() " + path));
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST_F(PidFileTest, ThatCantBeDeletedStopsTheStart) {
   if (geteuid() != 0) GTEST_SKIP() << "needs a folder of another user";
-  write_file(path, std::to_string(dead_process()));
+  write_text_file(path, std::to_string(dead_process()));
   std::filesystem::permissions(path, std::filesystem::perms{0666});
   std::filesystem::permissions(folder.path(), std::filesystem::perms{0755});
-  const child_result result = run_in_child([&] {
+  const child_outcome result = run_logging_child([&] {
     drop_privileges();
     return lock_pid_file(path.c_str()) == -1 ? 0 : 1;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(messages(result.console).back(), "WARNING: remove_file() " + path);
+  EXPECT_EQ(messages(result.output).back(), "WARNING: remove_file() " + path);
   EXPECT_TRUE(std::filesystem::exists(path));
 }
 
 TEST_F(PidFileTest, ThatAnotherStarterIsReplacingIsLeftToIt) {
-  write_file(path, std::to_string(dead_process()));
+  write_text_file(path, std::to_string(dead_process()));
   const int fd = open(path.c_str(), O_RDWR);
   struct flock lock {};
   lock.l_type = F_WRLCK;
   ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0);
 
-  const child_result result = run_in_child([&] { return lock_pid_file(path.c_str()) == -1 ? 0 : 1; });
+  const child_outcome result = run_logging_child([&] { return lock_pid_file(path.c_str()) == -1 ? 0 : 1; });
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(messages(result.console).back(), "WARNING: remove_file() " + path);
+  EXPECT_EQ(messages(result.output).back(), "WARNING: remove_file() " + path);
   EXPECT_TRUE(std::filesystem::exists(path));
   close(fd);
 }
 
 TEST_F(PidFileTest, ThatAnotherStarterHasReplacedIsLeftAlone) {
-  write_file(path, std::to_string(dead_process()));
+  write_text_file(path, std::to_string(dead_process()));
   at_next_probe = [&] {
-    write_file(folder.file("newer"), std::to_string(getppid()) + "\n");
-    std::filesystem::rename(folder.file("newer"), path);
+    write_text_file(folder / "newer", std::to_string(getppid()) + "\n");
+    std::filesystem::rename(folder / "newer", path);
   };
   EXPECT_EQ(log_of_failure().back(), "WARNING: remove_file() " + path);
-  EXPECT_EQ(content_of(path), std::to_string(getppid()) + "\n");
+  EXPECT_EQ(read_text_file(path), std::to_string(getppid()) + "\n");
 }
 
 TEST_F(PidFileTest, ThatVanishesBeforeItsRemovalStopsTheStart) {
-  write_file(path, std::to_string(dead_process()));
+  write_text_file(path, std::to_string(dead_process()));
   at_next_probe = [&] { std::filesystem::remove(path); };
   EXPECT_EQ(log_of_failure().back(), "WARNING: remove_file() " + path);
   EXPECT_FALSE(std::filesystem::exists(path));
@@ -222,7 +226,7 @@ TEST_F(PidFileTest, ThatVanishedCantBeRemovedAtTheEnd) {
 }
 
 TEST_F(PidFileTest, IsRemovedEvenIfItsDescriptorIsGone) {
-  write_file(path, "1\n");
+  write_text_file(path, "1\n");
   log_capture log;
   EXPECT_EQ(unlock_pid_file(path.c_str(), -1), 0);
   EXPECT_THAT(messages(log.text()),
@@ -287,11 +291,11 @@ private:
 TEST_F(PidFileTest, OfSeveralStartersExactlyOneGetsIt) {
   for (int round = 0; round < 60; ++round) {
     const bool stale = round % 2 == 0;
-    if (stale) write_file(path, std::to_string(dead_process()) + "\n");
+    if (stale) write_text_file(path, std::to_string(dead_process()) + "\n");
     starters all{path};
     const std::vector<pid_t> winners = all.winners();
     ASSERT_EQ(winners.size(), 1U) << "round " << round;
-    EXPECT_EQ(content_of(path), std::to_string(winners[0]) + "\n");
+    EXPECT_EQ(read_text_file(path), std::to_string(winners[0]) + "\n");
     std::filesystem::remove(path);
   }
 }
@@ -300,8 +304,6 @@ TEST_F(PidFileTest, OfSeveralStartersExactlyOneGetsIt) {
 
 // Stands before the C library's own (or the sanitizer's), for the whole test program.
 extern "C" int kill(pid_t process, int number) noexcept {
-  using function = int (*)(pid_t, int);
-  static const function next = reinterpret_cast<function>(dlsym(RTLD_NEXT, "kill"));
   if (number == 0 && at_next_probe) std::exchange(at_next_probe, nullptr)();
-  return next(process, number);
+  return real_function<decltype(kill)>("kill")(process, number);
 }

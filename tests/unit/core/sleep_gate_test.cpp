@@ -1,9 +1,13 @@
 #include "core/daemon.h"
 
-#include "child_process.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "temp_folder.h"
+#include "waiting.h"
 
 #include <climits>
+#include <csignal>
 #include <ctime>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,7 +46,7 @@ public:
 
   // True while the thread's state is "sleeping".
   [[nodiscard]] bool asleep() const {
-    const std::string status = content_of("/proc/self/task/" + std::to_string(id_) + "/stat");
+    const std::string status = read_text_file("/proc/self/task/" + std::to_string(id_) + "/stat");
     const size_t name_end = status.rfind(')');
     return !done() && name_end != std::string::npos && status.compare(name_end, 3, ") S") == 0;
   }
@@ -239,7 +243,7 @@ TEST(SleepForeverInterruptableTest, EndsOnAnInterruptionOnly) {
 }
 
 TEST(SleepForeverTest, NoSignalEndsIt) {
-  const child_result result = run_in_child([] {
+  const child_outcome result = run_logging_child([] {
     std::signal(SIGUSR1, [](int number) {
       if (write(STDERR_FILENO, "signal ", 7) != 7) _exit(number);
     });
@@ -248,7 +252,7 @@ TEST(SleepForeverTest, NoSignalEndsIt) {
       sleep_forever();
     }
     const std::string stat = "/proc/" + std::to_string(child) + "/stat";
-    const auto in_sleep = [&] { return content_of(stat).find(") S") != std::string::npos; };
+    const auto in_sleep = [&] { return read_text_file(stat).find(") S") != std::string::npos; };
     for (int i = 0; i < 3; ++i) {
       if (!eventually(in_sleep)) return 1;
       kill(child, SIGUSR1);
@@ -259,7 +263,7 @@ TEST(SleepForeverTest, NoSignalEndsIt) {
     return waitpid(child, nullptr, 0) == child ? 0 : 3;
   });
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.console.substr(0, 7), "signal ");
+  EXPECT_EQ(result.output.substr(0, 7), "signal ");
 }
 
 }  // namespace

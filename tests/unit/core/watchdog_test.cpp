@@ -4,8 +4,13 @@
 #include "core/daemon.h"
 #include "core/exit_process.h"
 
-#include "child_process.h"
+#include "log_lines.h"
+#include "logging_child.h"
+#include "process_limits.h"
+#include "temp_folder.h"
+#include "waiting.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -112,14 +117,14 @@ protected:
 
   // The lines of an event's file.
   std::vector<std::string> noted(const std::string& event) {
-    return lines_of(content_of(folder.file(event)));
+    return lines_of(read_text_file(folder / event));
   }
 
   // Stops a process for the time being, and waits until it stands: the signal itself is only a request.
   static void halt(pid_t process) {
     send(process, SIGSTOP);
     const std::string status = "/proc/" + std::to_string(process) + "/status";
-    EXPECT_TRUE(eventually([&] { return content_of(status).find("State:\tT") != std::string::npos; }));
+    EXPECT_TRUE(eventually([&] { return read_text_file(status).find("State:\tT") != std::string::npos; }));
   }
 
   // The id of the agent that was started as number `n` (from 1), which is waited for.
@@ -152,12 +157,12 @@ protected:
   bool nothing_pending() {
     const std::string status = "/proc/" + std::to_string(watchdog) + "/status";
     return eventually(
-        [&] { return content_of(status).find("\nShdPnd:\t0000000000000000\n") != std::string::npos; });
+        [&] { return read_text_file(status).find("\nShdPnd:\t0000000000000000\n") != std::string::npos; });
   }
 
-  temporary_folder folder;
-  std::string pid_file = folder.file("watchdog.pid");
-  std::string log_file = folder.file("log");
+  temp_folder folder{std::filesystem::perms::all};
+  std::string pid_file = folder / "watchdog.pid";
+  std::string log_file = folder / "log";
   AgentSettings settings{};
   pid_t watchdog = 0;
 };
@@ -169,12 +174,12 @@ const std::string ended_normally = "INFO: Child exit normally.";
 TEST_F(WatchdogTest, HoldsItsPidFile) {
   start(idle_agent);
   EXPECT_GT(agent(1), 0);
-  EXPECT_EQ(content_of(pid_file), std::to_string(watchdog) + "\n");
+  EXPECT_EQ(read_text_file(pid_file), std::to_string(watchdog) + "\n");
   EXPECT_THAT(log(), ElementsAre(locked));
 }
 
 TEST_F(WatchdogTest, ASecondOneEndsWithStatus1) {
-  write_file(pid_file, std::to_string(getpid()) + "\n");
+  write_text_file(pid_file, std::to_string(getpid()) + "\n");
   start(idle_agent);
   EXPECT_EQ(end_status(), 1);
   EXPECT_EQ(log().back(), "WARNING: failed to lock the watchdog pid file.");

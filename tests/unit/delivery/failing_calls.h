@@ -1,16 +1,5 @@
 #pragma once
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define UNDER_THREAD_SANITIZER 1
-#endif
-#elif defined(__SANITIZE_THREAD__)
-#define UNDER_THREAD_SANITIZER 1
-#endif
-#if !defined(UNDER_THREAD_SANITIZER)
-#define UNDER_THREAD_SANITIZER 0
-#endif
-
 // System calls that this test program answers in place of the C library, for failures that can't be had otherwise.
 // A hook counts for the whole process, as long as the object lives.
 

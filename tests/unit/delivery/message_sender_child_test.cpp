@@ -3,6 +3,9 @@
 #include "failing_calls.h"
 #include "handler_ends.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "temp_folder.h"
+#include "waiting.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -44,8 +47,8 @@ protected:
   // A program whose output goes to the report.
   [[nodiscard]] std::string script(const std::string& commands, const char* first_line = "#!/bin/sh\n",
                                    const char* afterwards = "") const {
-    std::string path = folder_.file("handler");
-    const std::string report = folder_.file("report");
+    std::string path = folder_ / "handler";
+    const std::string report = folder_ / "report";
     std::ofstream{path} << first_line << "{ " << commands << "; } > '" << report << ".new'\n"
                         << "mv '" << report << ".new' '" << report << "'\n"
                         << afterwards;
@@ -55,16 +58,16 @@ protected:
 
   // What the script wrote.
   [[nodiscard]] std::string report() const {
-    const std::string path = folder_.file("report");
+    const std::string path = folder_ / "report";
     if (!eventually([&] { return std::filesystem::exists(path); })) return "no report";
-    return content_of(path);
+    return read_text_file(path);
   }
 
   static void deliver(const std::string& path, const std::string& text) {
     execute_and_send(path.c_str(), text.data(), static_cast<uint32_t>(text.size()));
   }
 
-  temporary_folder folder_;
+  temp_folder folder_;
 };
 
 TEST_F(MessageSenderChild, ProgramGetsTheMessageOnStandardInput) {
@@ -80,7 +83,7 @@ TEST_F(MessageSenderChild, MessagesOfEverySizeArriveByteForByte) {
     const std::string text = payload_of(length);
     deliver(script("cat"), text);
     EXPECT_TRUE(report() == text) << length;
-    std::filesystem::remove(folder_.file("report"));
+    std::filesystem::remove(folder_ / "report");
   }
 }
 
@@ -117,15 +120,15 @@ TEST_F(MessageSenderChild, ProgramStartsInRootFolderWithoutFileCreationMask) {
 }
 
 TEST_F(MessageSenderChild, OutputAndErrorGoNowhere) {
-  const std::string path = folder_.file("program");
-  const std::string result = folder_.file("result");
+  const std::string path = folder_ / "program";
+  const std::string result = folder_ / "result";
   std::ofstream{path} << "#!/bin/sh\noutput=$(readlink /proc/$$/fd/1)\nerror=$(readlink /proc/$$/fd/2)\n"
                       << "echo $output $error > '" << result << ".new'\nmv '" << result << ".new' '" << result
                       << "'\n";
   chmod(path.c_str(), 0700);
   deliver(path, "");
   EXPECT_TRUE(eventually([&] { return std::filesystem::exists(result); }));
-  EXPECT_EQ(content_of(result), "/dev/null /dev/null\n");
+  EXPECT_EQ(read_text_file(result), "/dev/null /dev/null\n");
 }
 
 TEST_F(MessageSenderChild, ProgramInheritsStandardDescriptorsOnly) {
@@ -136,9 +139,9 @@ TEST_F(MessageSenderChild, ProgramInheritsStandardDescriptorsOnly) {
   }
   // Descriptor 3 is the folder that ls itself reads.
   deliver(script("exec ls -x /proc/self/fd; echo"), "");
-  const std::string path = folder_.file("report.new");
-  EXPECT_TRUE(eventually([&] { return count_of(content_of(path), "\n") > 0; }));
-  EXPECT_EQ(content_of(path), "0  1  2  3\n");
+  const std::string path = folder_ / "report.new";
+  EXPECT_TRUE(eventually([&] { return count_of(read_text_file(path), "\n") > 0; }));
+  EXPECT_EQ(read_text_file(path), "0  1  2  3\n");
 }
 
 TEST_F(MessageSenderChild, SignalsAreAsInAFreshProcessButForHangup) {
@@ -154,9 +157,9 @@ TEST_F(MessageSenderChild, SignalsAreAsInAFreshProcessButForHangup) {
   for (const int number : {SIGUSR1, SIGTERM, SIGCHLD}) {
     std::signal(number, SIG_DFL);
   }
-  const std::string path = folder_.file("report.new");
-  EXPECT_TRUE(eventually([&] { return count_of(content_of(path), "\n") == 2; }));
-  EXPECT_EQ(content_of(path), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000001\n");
+  const std::string path = folder_ / "report.new";
+  EXPECT_TRUE(eventually([&] { return count_of(read_text_file(path), "\n") == 2; }));
+  EXPECT_EQ(read_text_file(path), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000001\n");
 }
 
 TEST_F(MessageSenderChild, ProgramThatNeverReadsTakesAMessageThatFitsThePipe) {
@@ -167,13 +170,13 @@ TEST_F(MessageSenderChild, ProgramThatNeverReadsTakesAMessageThatFitsThePipe) {
     EXPECT_THAT(messages(log.text()), ElementsAre("DEBUG: Sended " + std::to_string(length) +
                                                   " bytes to local handler " + path + "."));
     EXPECT_EQ(kill(std::stoi(report()), SIGTERM), 0);
-    std::filesystem::remove(folder_.file("report"));
+    std::filesystem::remove(folder_ / "report");
   }
 }
 
 TEST_F(MessageSenderChild, ProgramThatEndsEarlyTakesAMessageThatFitsThePipe) {
   for (int i = 0; i < 20; ++i) {
-    const std::string path = i % 2 == 0 ? "/bin/true" : folder_.file("vanished");
+    const std::string path = i % 2 == 0 ? "/bin/true" : folder_ / "vanished";
     log_capture log;
     deliver(path, payload_of(65'536));
     EXPECT_EQ(messages(log.text()).back(), "DEBUG: Sended 65536 bytes to local handler " + path + ".");
@@ -189,7 +192,7 @@ TEST_F(MessageSenderChild, ProgramThatEndsBeforeALongMessageFailsTheDelivery) {
 }
 
 TEST_F(MessageSenderChild, MissingProgramIsLogged) {
-  const std::string path = folder_.file("vanished");
+  const std::string path = folder_ / "vanished";
   log_capture log;
   deliver(path, "hello");
   EXPECT_THAT(messages(log.text()), ElementsAre("WARNING: Cannot execute " + path + ", errno 2.",
@@ -197,7 +200,7 @@ TEST_F(MessageSenderChild, MissingProgramIsLogged) {
 }
 
 TEST_F(MessageSenderChild, LongMessageToAMissingProgramFails) {
-  const std::string path = folder_.file("vanished");
+  const std::string path = folder_ / "vanished";
   log_capture log;
   deliver(path, payload_of(long_length));
   EXPECT_THAT(messages(log.text()),
@@ -212,14 +215,14 @@ pid_t process_of_line(const std::string& log, std::string_view part) {
 }
 
 TEST_F(MessageSenderChild, ChildsFailureIsLoggedUnderTheChildsProcessId) {
-  const std::string log_file = folder_.file("log");
+  const std::string log_file = folder_ / "log";
   {
     log_capture log;
     options.file_log = true;
     options.log_file = log_file.c_str();
-    deliver(folder_.file("vanished"), "hello");
+    deliver(folder_ / "vanished", "hello");
   }
-  const std::string log = content_of(log_file);
+  const std::string log = read_text_file(log_file);
   ASSERT_EQ(count_of(log, "):message_sender:"), 2U);
   EXPECT_NE(process_of_line(log, "WARNING: Cannot execute "), getpid());
   EXPECT_EQ(process_of_line(log, "  DEBUG: Sended 5 bytes "), getpid());

@@ -3,6 +3,8 @@
 #include "failing_calls.h"
 #include "handler_ends.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "temp_folder.h"
 
 #include <gmock/gmock.h>
 
@@ -27,26 +29,26 @@ TEST(MessageSenderDelivery, TcpHandlerGetsTheMessageOnAConnectionOfItsOwn) {
 }
 
 TEST(MessageSenderDelivery, UnixHandlerGetsTheMessage) {
-  const temporary_folder folder;
-  const listening_handler handler{folder.file("socket")};
+  const temp_folder folder;
+  const listening_handler handler{folder / "socket"};
   log_capture log;
-  deliver_text(folder.file("socket"), 0, "hello");
+  deliver_text(folder / "socket", 0, "hello");
   EXPECT_THAT(messages(log.text()), ElementsAre("INFO: Sent to handler 5 bytes."));
   EXPECT_EQ(handler.receive(), "hello");
 }
 
 TEST(MessageSenderDelivery, LongMessageArrivesByteForByte) {
   const std::string text = payload_of(3'000'000);
-  const temporary_folder folder;
+  const temp_folder folder;
   const listening_handler tcp;
-  const listening_handler local{folder.file("socket")};
+  const listening_handler local{folder / "socket"};
   std::string received[2];
   std::thread reader{[&] {
     received[0] = tcp.receive();
     received[1] = local.receive();
   }};
   deliver_text("127.0.0.1", tcp.port(), text);
-  deliver_text(folder.file("socket"), 0, text);
+  deliver_text(folder / "socket", 0, text);
   reader.join();
   EXPECT_TRUE(received[0] == text);
   EXPECT_TRUE(received[1] == text);
@@ -84,18 +86,18 @@ TEST(MessageSenderDelivery, HostWithoutAddressIsLogged) {
 }
 
 TEST(MessageSenderDelivery, MissingUnixSocketIsLogged) {
-  const temporary_folder folder;
+  const temp_folder folder;
   log_capture log;
-  deliver_text(folder.file("socket"), 0, "lost");
+  deliver_text(folder / "socket", 0, "lost");
   EXPECT_THAT(messages(log.text()),
-              ElementsAre("WARNING: Can't connect to unix socket '" + folder.file("socket") +
+              ElementsAre("WARNING: Can't connect to unix socket '" + folder / "socket" +
                           "', errno=2 - No such file or directory."));
 }
 
 TEST(MessageSenderDelivery, UnixPathThatFillsTheAddressIsValid) {
-  const temporary_folder folder;
+  const temp_folder folder;
   for (const size_t length : {size_t{107}, size_t{108}}) {
-    const std::string path = folder.file_of_length(length);
+    const std::string path = path_of_length(folder, length);
     const listening_handler handler{path};
     deliver_text(path, 0, "hello");
     EXPECT_EQ(handler.receive(), "hello") << length;
@@ -103,8 +105,8 @@ TEST(MessageSenderDelivery, UnixPathThatFillsTheAddressIsValid) {
 }
 
 TEST(MessageSenderDelivery, LongerUnixPathFailsAndIsNotCut) {
-  const temporary_folder folder;
-  const std::string path = folder.file_of_length(109);
+  const temp_folder folder;
+  const std::string path = path_of_length(folder, 109);
   const listening_handler at_cut_path{path.substr(0, 108)};
   log_capture log;
   deliver_text(path, 0, "lost");
@@ -121,16 +123,16 @@ TEST(MessageSenderDelivery, EmptyUnixPathFails) {
 }
 
 TEST(MessageSenderDelivery, HandlerThatClosesEarlyIsLogged) {
-  const temporary_folder folder;
-  const listening_handler handler{folder.file("socket")};
+  const temp_folder folder;
+  const listening_handler handler{folder / "socket"};
   const std::string text = payload_of(3'000'000);
   std::thread closer{[&] { static_cast<void>(handler.accept_one()); }};
   log_capture log;
-  deliver_text(folder.file("socket"), 0, text);
+  deliver_text(folder / "socket", 0, text);
   closer.join();
-  EXPECT_THAT(messages(log.text()), ElementsAre(StartsWith("WARNING: Send data to socket error. errno = "),
-                                                "WARNING: Failed to send msg to qhandler on port '" +
-                                                    folder.file("socket") + "':0."));
+  EXPECT_THAT(messages(log.text()),
+              ElementsAre(StartsWith("WARNING: Send data to socket error. errno = "),
+                          "WARNING: Failed to send msg to qhandler on port '" + folder / "socket" + "':0."));
 }
 
 TEST(MessageSenderDelivery, MissingSocketIsLogged) {

@@ -3,7 +3,10 @@
 #include "failing_calls.h"
 #include "handler_ends.h"
 #include "log_capture.h"
+#include "log_lines.h"
 #include "settings_file.h"
+#include "temp_folder.h"
+#include "waiting.h"
 
 #include <cerrno>
 #include <gmock/gmock.h>
@@ -65,14 +68,13 @@ TEST(MessageSenderHandler, NameIsCutAfter117Characters) {
 }
 
 TEST(MessageSenderHandler, PathWithoutRegularFileIsAUnixSocket) {
-  const temporary_folder folder;
-  const listening_handler handler{folder.file("socket")};
-  const settings_file settings{
-      {{"q_handler_lamp", folder.file("socket")}, {"q_handler_gone", folder.file("gone")}}};
+  const temp_folder folder;
+  const listening_handler handler{folder / "socket"};
+  const settings_file settings{{{"q_handler_lamp", folder / "socket"}, {"q_handler_gone", folder / "gone"}}};
   EXPECT_EQ(send_text("lamp", "hello"), 1);
   EXPECT_EQ(handler.receive(), "hello");
   EXPECT_THAT(lines_of_failed_sending("gone").back(),
-              StartsWith("WARNING: Can't connect to unix socket '" + folder.file("gone") + "', errno=2"));
+              StartsWith("WARNING: Can't connect to unix socket '" + folder / "gone" + "', errno=2"));
 }
 
 TEST(MessageSenderHandler, FolderIsTakenForAUnixSocket) {
@@ -82,10 +84,12 @@ TEST(MessageSenderHandler, FolderIsTakenForAUnixSocket) {
 }
 
 TEST(MessageSenderHandler, RegularFileIsStarted) {
-  const temporary_folder folder;
-  const std::string program = folder.file("program");
-  std::ofstream{program} << "#!/bin/sh\ncat > '" << folder.file("new") << "' && mv '" << folder.file("new")
-                         << "' '" << folder.file("received") << "'\n";
+  const temp_folder folder;
+  const std::string program = folder / "program";
+  std::ofstream{program} << "#!/bin/sh\ncat > '" << folder / "new"
+                         << "' && mv '" << folder / "new"
+                         << "' '" << folder / "received"
+                         << "'\n";
   chmod(program.c_str(), 0700);
   const settings_file settings{{{"q_handler_lamp", program}}};
   log_capture log;
@@ -93,13 +97,13 @@ TEST(MessageSenderHandler, RegularFileIsStarted) {
   EXPECT_THAT(messages(log.text()),
               ElementsAre("DEBUG: handler_desc='q_handler_lamp'", "DEBUG: host_address='" + program + "'",
                           "DEBUG: Sended 5 bytes to local handler " + program + "."));
-  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder.file("received")); }));
-  EXPECT_EQ(content_of(folder.file("received")), "hello");
+  EXPECT_TRUE(eventually([&] { return std::filesystem::exists(folder / "received"); }));
+  EXPECT_EQ(read_text_file(folder / "received"), "hello");
 }
 
 TEST(MessageSenderHandler, FileWithoutTheOwnersExecutePermissionIsTriedAllTheSame) {
-  const temporary_folder folder;
-  const std::string program = folder.file("program");
+  const temp_folder folder;
+  const std::string program = folder / "program";
   std::ofstream{program} << "#!/bin/sh\n";
   chmod(program.c_str(), 0600);
   const settings_file settings{{{"q_handler_lamp", program}}};
@@ -170,10 +174,10 @@ TEST(MessageSenderHandler, OnlyTheFirstEndpointOfAnOrdinaryHandlerIsUsed) {
 }
 
 TEST(MessageSenderHandler, EveryEndpointOfTheEventSinkGetsTheMessageInTurn) {
-  const temporary_folder folder;
+  const temp_folder folder;
   const listening_handler first;
-  const listening_handler second{folder.file("socket")};
-  const std::string value = first.endpoint() + "," + folder.file("socket");
+  const listening_handler second{folder / "socket"};
+  const std::string value = first.endpoint() + "," + folder / "socket";
   const settings_file settings{{{"q_handler_event_sink", value}}};
   log_capture log;
   EXPECT_EQ(send_text("event_sink", "hello"), -1);

@@ -4,7 +4,11 @@
 #include "failing_calls.h"
 #include "handler_ends.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "sanitizers.h"
 #include "settings_file.h"
+#include "temp_folder.h"
+#include "waiting.h"
 
 #include <atomic>
 #include <climits>
@@ -91,7 +95,7 @@ public:
   [[nodiscard]] std::vector<std::string> log() const { return messages(log_text()); }
 
   // In the new process: what was logged so far.
-  static std::string log_text() { return content_of(log_file()); }
+  static std::string log_text() { return read_text_file(log_file()); }
   static bool has_logged(const char* text, size_t times = 1) {
     return eventually([&] { return count_of(log_text(), text) >= times; });
   }
@@ -111,8 +115,8 @@ private:
   }
 
   static const std::string& log_file() {
-    static const temporary_folder folder;
-    static const std::string path = folder.file("log");
+    static const temp_folder folder;
+    static const std::string path = folder / "log";
     return path;
   }
 };
@@ -337,7 +341,7 @@ TEST(MessageSender, WorkerEndsWhenItCannotWaitAndTheNextMessageStartsAnother) {
 }
 
 TEST(MessageSender, FailedPreparationIsLogged) {
-  if (UNDER_THREAD_SANITIZER != 0) GTEST_SKIP() << "the sanitizer needs the real calls";
+  if (under_thread_sanitizer) GTEST_SKIP() << "the sanitizer needs the real calls";
   for (const char* name : {"pthread_attr_init", "pthread_attr_setdetachstate"}) {
     log_capture log;
     const failing_call failing{name, ENOMEM};
@@ -356,7 +360,7 @@ TEST(MessageSender, ShutdownWithoutAWorkerDestroysTheQueue) {
 }
 
 TEST(MessageSender, ShutdownReportsAttributesThatCannotBeDestroyed) {
-  if (UNDER_THREAD_SANITIZER != 0) GTEST_SKIP() << "the sanitizer needs the real calls";
+  if (under_thread_sanitizer) GTEST_SKIP() << "the sanitizer needs the real calls";
   const in_new_process run{[] {
     const failing_call failing{"pthread_attr_destroy", EINVAL};
     EXPECT_EQ(shutdown_thread_pool(), -1);

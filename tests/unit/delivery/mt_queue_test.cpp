@@ -2,6 +2,7 @@
 
 #include "handler_ends.h"
 #include "log_capture.h"
+#include "log_lines.h"
 
 #include <gmock/gmock.h>
 #include <memory>

@@ -2,20 +2,12 @@
 
 #include "../delivery_capture.h"
 #include "log_capture.h"
+#include "process_limits.h"
+#include "sanitizers.h"
 
 #include <cstdlib>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <unistd.h>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SANITIZED_BUILD
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SANITIZED_BUILD
-#endif
-#endif
 
 namespace {
 
@@ -33,23 +25,6 @@ void send_message(const std::vector<std::string>& chunks) {
     append(chunk);
   }
   plain_message_deliver();
-}
-
-// Leaves room for `bytes` more.
-void limit_memory(size_t bytes) {
-  size_t pages = 0;
-  std::ifstream{"/proc/self/statm"} >> pages;
-  rlimit limit{};
-  getrlimit(RLIMIT_AS, &limit);
-  limit.rlim_cur = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + bytes;
-  setrlimit(RLIMIT_AS, &limit);
-}
-
-void lift_memory_limit() {
-  rlimit limit{};
-  getrlimit(RLIMIT_AS, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_AS, &limit);
 }
 
 // Appends 6 MB where 2 MB fit. 0 when a part of it, made of whole chunks, is delivered.
@@ -135,9 +110,7 @@ TEST(PlainMessage, ADeliveredMessageIsGone) {
 }
 
 TEST(PlainMessage, AChunkWithoutMemoryIsSkipped) {
-#ifdef SANITIZED_BUILD
-  GTEST_SKIP() << "a sanitizer's allocator does not fail within a memory limit";
-#endif
+  if (under_sanitizer) GTEST_SKIP() << "a sanitizer's allocator does not fail within a memory limit";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(_exit(deliver_with_short_memory()), testing::ExitedWithCode(0), "");
 }

@@ -25,16 +25,16 @@ constexpr char new_content[] = "# kept\nk=new\nother=1\nadded=2\n";
 
 class UsiCrash : public UsiStore {
 protected:
-  UsiCrash() { write_file(config, "sync=full\n"); }
+  UsiCrash() { write_text_file(config, "sync=full\n"); }
 
   /// The old file, mode 0640, nothing cached, and two values staged. With `leftover`, a commit was killed
   /// before.
   void prepare(bool leftover) {
     fs::remove(folder / "settings.usi-new");
     fs::remove(storage);
-    write_file(storage, old_content);
+    write_text_file(storage, old_content);
     ASSERT_EQ(chmod(storage.c_str(), 0640), 0);
-    if (leftover) write_file(folder / "settings.usi-new", "k=to");
+    if (leftover) write_text_file(folder / "settings.usi-new", "k=to");
     restart();
     ASSERT_EQ(usiSet("k", "new"), 0);
     ASSERT_EQ(usiSet("added", "2"), 0);
@@ -52,19 +52,19 @@ protected:
     int code = -1;
     calls made = commit_under({}, &code);
     EXPECT_EQ(code, 0);
-    EXPECT_EQ(read_file(storage), new_content);
+    EXPECT_EQ(read_text_file(storage), new_content);
     return made;
   }
 
   void expect_old_or_new(const std::string& what) const {
-    const std::string content = read_file(storage);
+    const std::string content = read_text_file(storage);
     EXPECT_TRUE(content == old_content || content == new_content) << what << ": '" << content << "'";
     EXPECT_EQ(mode_of(storage), 0640U) << what;
   }
 
   void expect_later_commit_succeeds(const std::string& what) const {
     EXPECT_EQ(usiCommit(), 0) << what;
-    EXPECT_EQ(read_file(storage), new_content) << what;
+    EXPECT_EQ(read_text_file(storage), new_content) << what;
     EXPECT_EQ(mode_of(storage), 0640U) << what;
     EXPECT_FALSE(temporary_file_is_left()) << what;
   }
@@ -92,14 +92,14 @@ TEST_F(UsiCrash, FileIsOnTheMediumBeforeItsNameAndTheNameBeforeTheEndOfTheCommit
 }
 
 TEST_F(UsiCrash, NoSyncMakesNoFsync) {
-  write_file(config, no_sync);
+  write_text_file(config, no_sync);
   const calls made = calls_of_a_commit(false);
   EXPECT_EQ(position(made, "fsync"), made.size());
   EXPECT_LT(position(made, "renameat"), made.size());
 }
 
 TEST_F(UsiCrash, GetOfAnUnchangedFileCostsOneStat) {
-  write_file(storage, old_content);
+  write_text_file(storage, old_content);
   EXPECT_EQ(value_of("k"), "old");
   faults_arm({});
   EXPECT_EQ(value_of("k"), "old");
@@ -115,7 +115,7 @@ TEST_F(UsiCrash, GetOfAnUnchangedFileCostsOneStat) {
 }
 
 TEST_F(UsiCrash, CommitOfWhatTheFileHoldsMakesItDurableOnce) {
-  write_file(storage, old_content);
+  write_text_file(storage, old_content);
   EXPECT_EQ(usiSet("k", "old"), 0);
   int code = -1;
   const calls first = commit_under({}, &code);
@@ -138,7 +138,7 @@ TEST_F(UsiCrash, ShortReadsAndWritesAreContinued) {
   EXPECT_EQ(code, 0);
   EXPECT_GT(std::count(made.begin(), made.end(), "write"), 5);
   EXPECT_GT(std::count(made.begin(), made.end(), "read"), 5);
-  EXPECT_EQ(read_file(storage), new_content);
+  EXPECT_EQ(read_text_file(storage), new_content);
 }
 
 TEST_F(UsiCrash, InterruptedCallsAreRepeated) {
@@ -150,7 +150,7 @@ TEST_F(UsiCrash, InterruptedCallsAreRepeated) {
     int code = -1;
     commit_under({fault_kind::fail, static_cast<int>(at) + 1, EINTR}, &code);
     EXPECT_EQ(code, 0) << whole[at];
-    EXPECT_EQ(read_file(storage), new_content) << whole[at];
+    EXPECT_EQ(read_text_file(storage), new_content) << whole[at];
   }
 }
 
@@ -168,10 +168,11 @@ TEST_F(UsiCrash, FailureOfAnyCallLeavesOldOrNewAndTheValuesStaged) {
         const std::string what = name + ", call " + std::to_string(at) + " with " + strerror(error);
         expect_old_or_new(what);
         // The earlier commit's leftover may still be there; what this one wrote is not.
-        EXPECT_TRUE(!temporary_file_is_left() || read_file(folder / "settings.usi-new") == "k=to") << what;
+        EXPECT_TRUE(!temporary_file_is_left() || read_text_file(folder / "settings.usi-new") == "k=to")
+            << what;
         EXPECT_EQ(value_of("k"), "new") << what;
         EXPECT_EQ(value_of("added"), "2") << what;
-        EXPECT_TRUE(code < 0 || read_file(storage) == new_content) << what;
+        EXPECT_TRUE(code < 0 || read_text_file(storage) == new_content) << what;
         if (code < 0) ++failures;
         expect_later_commit_succeeds(what);
       }
@@ -199,13 +200,13 @@ TEST_F(UsiCrash, KillAtAnyCallLeavesOldOrNewAndTheNextCommitCleansUp) {
     for (const fault_kind kind : {fault_kind::kill_before, fault_kind::kill_after}) {
       for (int at = 1; at <= count; ++at) {
         prepare(leftover);
-        const int status = end_of(start_child([&] {
+        const int status = wait_for_child(start_child([&] {
           faults_arm({kind, at});
           return usiCommit();
         }));
         const std::string what =
             std::string{kind == fault_kind::kill_before ? "before" : "after"} + " call " + std::to_string(at);
-        ASSERT_TRUE(WIFSIGNALED(status)) << what << ": the call was not reached";
+        ASSERT_EQ(status, -1) << what << ": the call was not reached";
         expect_old_or_new(what);
         expect_later_commit_succeeds(what);
       }
@@ -214,8 +215,8 @@ TEST_F(UsiCrash, KillAtAnyCallLeavesOldOrNewAndTheNextCommitCleansUp) {
 }
 
 TEST_F(UsiCrash, FailureOfAnyCallOfAGetIsTold) {
-  write_file(storage, "a=1\n");
-  write_file(profile, "k=v\n");
+  write_text_file(storage, "a=1\n");
+  write_text_file(profile, "k=v\n");
   faults_arm({});
   EXPECT_EQ(value_of("k"), "v");
   const int count = static_cast<int>(faults_disarm().size());
@@ -298,12 +299,13 @@ TEST_F(UsiCrash, WriterKilledAtRandomInstantsLeavesWholeGenerations) {
   constexpr int kills = 220;
   shared_counts* counts = share_counts();
   ASSERT_NE(counts, nullptr);
-  write_file(storage, content_of(0));
+  write_text_file(storage, content_of(0));
   std::mt19937 random{20240101};
   std::uniform_int_distribution<int> microseconds{0, 12000};
   for (int round = 0; round < kills; ++round) {
-    write_file(config,
-               round % 2 ? no_sync : "sync=full\n");  // the one dies while writing, the other mostly in fsync
+    write_text_file(config,
+                    round % 2 ? no_sync
+                              : "sync=full\n");  // the one dies while writing, the other mostly in fsync
     restart();
     const pid_t writer = start_child([=] { return write_generations(counts); });
     const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds{microseconds(random)};
@@ -311,12 +313,12 @@ TEST_F(UsiCrash, WriterKilledAtRandomInstantsLeavesWholeGenerations) {
       const int earliest = counts->committed;
       const int seen = generation_of(value_of("key7").value_or(""));
       ASSERT_GE(seen, earliest) << "a finished commit is seen";
-      const std::string content = read_file(storage);
+      const std::string content = read_text_file(storage);
       ASSERT_EQ(content, content_of(generation_in(content))) << "whole";
     } while (std::chrono::steady_clock::now() < until);
     kill(writer, SIGKILL);
-    ASSERT_TRUE(WIFSIGNALED(end_of(writer))) << "the writer failed by itself";
-    const std::string content = read_file(storage);
+    ASSERT_EQ(wait_for_child(writer), -1) << "the writer failed by itself";
+    const std::string content = read_text_file(storage);
     const int left = generation_in(content);
     ASSERT_EQ(content, content_of(left));
     ASSERT_TRUE(left == counts->committed || left == counts->committed + 1)
@@ -331,7 +333,7 @@ TEST_F(UsiCrash, WriterKilledAtRandomInstantsLeavesWholeGenerations) {
 
 TEST_F(UsiCrash, TwoProcessesWithAThousandCommitsEachLoseNone) {
   constexpr int commits = 1000;
-  write_file(config, no_sync);
+  write_text_file(config, no_sync);
   const auto write_all = [](const char* prefix) {
     for (int i = 0; i < commits; ++i)
       if (set_and_commit(prefix + std::to_string(i), std::to_string(i)) != 0) return 1;
@@ -339,8 +341,8 @@ TEST_F(UsiCrash, TwoProcessesWithAThousandCommitsEachLoseNone) {
   };
   const pid_t first = start_child([&] { return write_all("first"); });
   const pid_t second = start_child([&] { return write_all("second"); });
-  EXPECT_EQ(end_of(first), 0);
-  EXPECT_EQ(end_of(second), 0);
+  EXPECT_EQ(wait_for_child(first), 0);
+  EXPECT_EQ(wait_for_child(second), 0);
   for (int i = 0; i < commits; ++i) {
     ASSERT_EQ(value_of("first" + std::to_string(i)), std::to_string(i));
     ASSERT_EQ(value_of("second" + std::to_string(i)), std::to_string(i));

@@ -1,27 +1,19 @@
 #undef _FORTIFY_SOURCE  // its inline versions of the functions below would be defined twice
 #include "usi_faults.h"
 
+#include "real_function.h"
+#include "sanitizers.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#if !defined(__has_feature)
-#define __has_feature(feature) 0
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || __has_feature(address_sanitizer) || \
-    __has_feature(thread_sanitizer)
-#define SANITIZED 1
-#else
-#define SANITIZED 0
-#endif
 
 namespace {
 
@@ -74,13 +66,9 @@ size_t shortened(size_t size) {
   return is_short ? std::min<size_t>(size, 3) : size;
 }
 
-template <typename Function> Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
-#define REAL(name) static const auto real = next<decltype(&name)>(#name)
+#define REAL(name) static const auto real = real_function<decltype(name)>(#name)
 
 void faults_arm(const fault_plan& plan) {
   state.plan = plan;
@@ -94,7 +82,7 @@ std::vector<std::string> faults_disarm() {
 }
 
 bool faults_reach_allocations() {
-  return !SANITIZED;
+  return !under_sanitizer;
 }
 
 extern "C" {
@@ -198,7 +186,7 @@ int munmap(void* address, size_t size) noexcept {
   return pass("munmap", -1, [&] { return real(address, size); });
 }
 
-#if !SANITIZED
+#if !ORVEL_ADDRESS_SANITIZER && !ORVEL_THREAD_SANITIZER
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* memory, size_t size);

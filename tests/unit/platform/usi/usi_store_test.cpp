@@ -1,5 +1,8 @@
 #include "usi_fixture.h"
 
+#include "descriptors.h"
+#include "process_limits.h"
+
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -17,14 +20,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uid_t nobody = 65534;
-
-/// Gives up root's rights, which ignore modes. False when that is not possible.
-bool become_nobody() {
-  if (geteuid() != 0) return true;
-  return setgroups(0, nullptr) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0;
-}
-
 TEST_F(UsiStore, MissingFilesReadAsEmpty) {
   fs::remove(config);
   EXPECT_EQ(value_of("k"), std::nullopt);
@@ -32,18 +27,18 @@ TEST_F(UsiStore, MissingFilesReadAsEmpty) {
 
 TEST_F(UsiStore, CommittedValueIsInTheFileAndSeenByANewProcess) {
   EXPECT_EQ(set_and_commit("k", "v"), 0);
-  EXPECT_EQ(read_file(storage), "k=v\n");
+  EXPECT_EQ(read_text_file(storage), "k=v\n");
   restart();
   EXPECT_EQ(value_of("k"), "v");
 }
 
 TEST_F(UsiStore, StagedValueIsSeenBeforeTheCommitAndOnlyHere) {
-  write_file(storage, "k=old\n");
+  write_text_file(storage, "k=old\n");
   EXPECT_EQ(usiSet("k", "first"), 0);
   EXPECT_EQ(usiSet("k", "new\nline"), 0);
   EXPECT_EQ(value_of("k"), "new\nline");
   EXPECT_EQ(value_of("k", 3), "new");
-  EXPECT_EQ(read_file(storage), "k=old\n");
+  EXPECT_EQ(read_text_file(storage), "k=old\n");
 }
 
 TEST_F(UsiStore, ManyStagedValuesAreCommittedTogether) {
@@ -56,7 +51,7 @@ TEST_F(UsiStore, ManyStagedValuesAreCommittedTogether) {
 }
 
 TEST_F(UsiStore, ValueIsCutToSizeCharacters) {
-  write_file(storage, "k=abc\n");
+  write_text_file(storage, "k=abc\n");
   EXPECT_EQ(value_of("k", 0), "");
   EXPECT_EQ(value_of("k", 2), "ab");
   EXPECT_EQ(value_of("k", 3), "abc");
@@ -64,19 +59,19 @@ TEST_F(UsiStore, ValueIsCutToSizeCharacters) {
 }
 
 TEST_F(UsiStore, ProfileIsConsultedForKeysThatTheStorageFileLacks) {
-  write_file(storage, "both=stored\n");
-  write_file(profile, "both=default\nonly=default\n");
+  write_text_file(storage, "both=stored\n");
+  write_text_file(profile, "both=default\nonly=default\n");
   EXPECT_EQ(value_of("both"), "stored");
   EXPECT_EQ(value_of("only"), "default");
   EXPECT_EQ(value_of("none"), std::nullopt);
   EXPECT_EQ(set_and_commit("only", "stored"), 0);
   EXPECT_EQ(value_of("only"), "stored");
-  EXPECT_EQ(read_file(profile), "both=default\nonly=default\n");
+  EXPECT_EQ(read_text_file(profile), "both=default\nonly=default\n");
 }
 
 TEST_F(UsiStore, UnsetKeyShowsTheProfileAgainOrNothing) {
-  write_file(storage, "a=1\nb=2\n");
-  write_file(profile, "b=default\n");
+  write_text_file(storage, "a=1\nb=2\n");
+  write_text_file(profile, "b=default\n");
   EXPECT_EQ(usi_unset("a"), 0);
   EXPECT_EQ(usi_unset("b"), 0);
   EXPECT_EQ(usi_unset("none"), 1);
@@ -84,13 +79,13 @@ TEST_F(UsiStore, UnsetKeyShowsTheProfileAgainOrNothing) {
   EXPECT_EQ(value_of("a"), std::nullopt);
   EXPECT_EQ(value_of("b"), "default");
   EXPECT_EQ(usiCommit(), 0);
-  EXPECT_EQ(read_file(storage), "");
+  EXPECT_EQ(read_text_file(storage), "");
   EXPECT_EQ(usi_unset("b"), 1) << "the profile's keys are not removed";
 }
 
 TEST_F(UsiStore, EachShowsStorageThenWhatOnlyTheProfileHolds) {
-  write_file(storage, "b=1\na=x\\ny\nb=2\n");
-  write_file(profile, "b=default\nz=3\n");
+  write_text_file(storage, "b=1\na=x\\ny\nb=2\n");
+  write_text_file(profile, "b=default\nz=3\n");
   std::string shown;
   const auto show = [](void* context, const char* key, size_t key_size, const char* value,
                        size_t value_size) {
@@ -103,10 +98,10 @@ TEST_F(UsiStore, EachShowsStorageThenWhatOnlyTheProfileHolds) {
 
 TEST_F(UsiStore, ConfigFileChoosesTheFilesUnlessACallDid) {
   const fs::path other = folder / "other";
-  write_file(other, "k=other\n");
-  write_file(storage, "k=settings\n");
-  write_file(profile, "p=mine\n");
-  write_file(config, "storage=" + other.string() + "\nprofile=" + profile.string() + "\n");
+  write_text_file(other, "k=other\n");
+  write_text_file(storage, "k=settings\n");
+  write_text_file(profile, "p=mine\n");
+  write_text_file(config, "storage=" + other.string() + "\nprofile=" + profile.string() + "\n");
   usi_reset();
   usiSetConfigFile(config.c_str());
   EXPECT_EQ(value_of("k"), "other");
@@ -125,7 +120,7 @@ TEST_F(UsiStore, PathsInForceAreKnownBeforeTheFirstAccess) {
   EXPECT_STREQ(usiGetCurrentConfig(), "/etc/orvel/usi.conf");
   usiSetConfigFile(config.c_str());
   EXPECT_STREQ(usiGetCurrentProfile(), "/etc/orvel/profile");
-  write_file(config, "profile=/somewhere/else\n");
+  write_text_file(config, "profile=/somewhere/else\n");
   usiSetConfigFile(config.c_str());
   EXPECT_STREQ(usiGetCurrentProfile(), "/somewhere/else");
   usiSetConfigFile(folder.c_str());
@@ -136,13 +131,13 @@ TEST_F(UsiStore, PathsInForceAreKnownBeforeTheFirstAccess) {
 }
 
 TEST_F(UsiStore, UnreadableConfigFileFailsReadsAndCommitsUntilItIsMended) {
-  write_file(config, std::string{"a\0", 2});
+  write_text_file(config, std::string{"a\0", 2});
   EXPECT_EQ(get_code("k"), USI_NOT_TEXT);
   EXPECT_EQ(set_and_commit("k", "v"), USI_NOT_TEXT);
   EXPECT_EQ(value_of("k"), "v") << "still staged";
-  write_file(config, no_sync);
+  write_text_file(config, no_sync);
   EXPECT_EQ(usiCommit(), 0);
-  EXPECT_EQ(read_file(storage), "k=v\n");
+  EXPECT_EQ(read_text_file(storage), "k=v\n");
 }
 
 TEST_F(UsiStore, PathThatIsTooLongIsAnErrorAndNamesNoOtherFile) {
@@ -186,12 +181,12 @@ TEST_F(UsiStore, EveryCodeHasAText) {
 }
 
 TEST_F(UsiStore, CommitOfAnotherProcessIsSeenOnTheNextGet) {
-  write_file(storage, "k=0\n");
+  write_text_file(storage, "k=0\n");
   EXPECT_EQ(value_of("k"), "0");
   // One digit, no pause: neither the size nor the clock may be needed to tell the versions apart.
   for (int i = 1; i < 60; ++i) {
     const std::string value(1, static_cast<char>('0' + i % 10));
-    ASSERT_EQ(in_child([&] { return set_and_commit("k", value) == 0 ? 0 : 1; }), 0);
+    ASSERT_EQ(run_in_child([&] { return set_and_commit("k", value) == 0 ? 0 : 1; }).status, 0);
     ASSERT_EQ(value_of("k"), value);
   }
 }
@@ -202,7 +197,7 @@ ino_t inode_of(const fs::path& path) {
 }
 
 TEST_F(UsiStore, VersionReadLastIsToldApartFromAllLaterOnesByItsInodeNumber) {
-  write_file(storage, "k=x\n");
+  write_text_file(storage, "k=x\n");
   for (const bool own :
        {false, true}) {  // a version that was read, and one that was written by an own commit
     EXPECT_EQ(own ? set_and_commit("k", "own") : 0, 0);
@@ -210,7 +205,7 @@ TEST_F(UsiStore, VersionReadLastIsToldApartFromAllLaterOnesByItsInodeNumber) {
     const ino_t remembered = inode_of(storage);
     for (int i = 0; i < 20; ++i) {
       const std::string value = std::to_string(i);
-      ASSERT_EQ(in_child([&] { return set_and_commit("k", value) == 0 ? 0 : 1; }), 0);
+      ASSERT_EQ(run_in_child([&] { return set_and_commit("k", value) == 0 ? 0 : 1; }).status, 0);
       ASSERT_NE(inode_of(storage), remembered) << "file systems give a free number to the next file";
     }
     EXPECT_EQ(value_of("k"), "19");
@@ -218,16 +213,16 @@ TEST_F(UsiStore, VersionReadLastIsToldApartFromAllLaterOnesByItsInodeNumber) {
 }
 
 TEST_F(UsiStore, CommitMergesIntoWhatOthersWrote) {
-  write_file(storage, "mine=1\ntheirs=1\n");
+  write_text_file(storage, "mine=1\ntheirs=1\n");
   EXPECT_EQ(value_of("theirs"), "1");
   EXPECT_EQ(usiSet("mine", "2"), 0);
-  ASSERT_EQ(in_child([] { return set_and_commit("theirs", "2") == 0 ? 0 : 1; }), 0);
+  ASSERT_EQ(run_in_child([] { return set_and_commit("theirs", "2") == 0 ? 0 : 1; }).status, 0);
   EXPECT_EQ(usiCommit(), 0);
-  EXPECT_EQ(read_file(storage), "mine=2\ntheirs=2\n");
+  EXPECT_EQ(read_text_file(storage), "mine=2\ntheirs=2\n");
 }
 
 TEST_F(UsiStore, CommitThatChangesNothingWritesNothing) {
-  write_file(storage, "k=v");
+  write_text_file(storage, "k=v");
   struct stat before {};
   stat(storage.c_str(), &before);
   EXPECT_EQ(usiCommit(), 0);
@@ -235,7 +230,7 @@ TEST_F(UsiStore, CommitThatChangesNothingWritesNothing) {
   struct stat after {};
   stat(storage.c_str(), &after);
   EXPECT_EQ(before.st_ino, after.st_ino);
-  EXPECT_EQ(read_file(storage), "k=v");
+  EXPECT_EQ(read_text_file(storage), "k=v");
   EXPECT_FALSE(fs::exists(folder / "settings.lock"));
 }
 
@@ -250,7 +245,7 @@ TEST_F(UsiStore, NewStorageFileIsPrivateWhateverTheUmask) {
 }
 
 TEST_F(UsiStore, ExistingFileKeepsModeAndOwner) {
-  write_file(storage, "k=1\n");
+  write_text_file(storage, "k=1\n");
   const bool is_root = geteuid() == 0;  // only root can give a file away
   const uid_t user = is_root ? 12345 : geteuid();
   const gid_t group = is_root ? 23456 : getegid();
@@ -266,11 +261,15 @@ TEST_F(UsiStore, ExistingFileKeepsModeAndOwner) {
 
 TEST_F(UsiStore, FileOfAnotherOwnerIsNotTakenOver) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to make a file of another owner";
-  write_file(storage, "k=1\n");
+  write_text_file(storage, "k=1\n");
   ASSERT_EQ(chmod(storage.c_str(), 0666), 0);
   ASSERT_EQ(chmod(folder.c_str(), 0777), 0);
-  EXPECT_EQ(in_child([] { return become_nobody() ? -set_and_commit("k", "2") : 255; }), EPERM);
-  EXPECT_EQ(read_file(storage), "k=1\n");
+  EXPECT_EQ(run_in_child([] {
+              drop_privileges();
+              return -set_and_commit("k", "2");
+            }).status,
+            EPERM);
+  EXPECT_EQ(read_text_file(storage), "k=1\n");
   EXPECT_FALSE(temporary_file_is_left());
 }
 
@@ -292,13 +291,13 @@ TEST_F(UsiStore, SymbolicLinkStaysAndItsTargetIsReplaced) {
       fs::remove(target);
       fs::remove(storage);
       fs::remove(folder / "real/middle");
-      if (exists) write_file(target, "k=1\n");
+      if (exists) write_text_file(target, "k=1\n");
       fs::create_symlink(one.first ? fs::path{one.first} : target, storage);
       if (one.second) fs::create_symlink(one.second, folder / "real/middle");
       restart();
       ASSERT_EQ(set_and_commit("k", "2"), 0) << one.what;
       EXPECT_TRUE(fs::is_symlink(storage)) << one.what;
-      EXPECT_EQ(read_file(target), "k=2\n") << one.what;
+      EXPECT_EQ(read_text_file(target), "k=2\n") << one.what;
       EXPECT_TRUE(fs::exists(folder / "real/target.lock")) << one.what;
       EXPECT_EQ(value_of("k"), "2") << one.what;
     }
@@ -310,14 +309,14 @@ TEST_F(UsiStore, LinkedFolderAndRelativePathWork) {
   fs::create_directory_symlink("real", folder / "linked");
   usiSetStorageFile((folder / "linked/settings").c_str());
   EXPECT_EQ(set_and_commit("k", "v"), 0);
-  EXPECT_EQ(read_file(folder / "real/settings"), "k=v\n");
-  EXPECT_EQ(in_child([this] {
+  EXPECT_EQ(read_text_file(folder / "real/settings"), "k=v\n");
+  EXPECT_EQ(run_in_child([this] {
               if (chdir(folder.c_str()) != 0) return 1;
               usiSetStorageFile("plain");
               return set_and_commit("k", "v") == 0 ? 0 : 2;
-            }),
+            }).status,
             0);
-  EXPECT_EQ(read_file(folder / "plain"), "k=v\n");
+  EXPECT_EQ(read_text_file(folder / "plain"), "k=v\n");
 }
 
 TEST_F(UsiStore, EndlessLinksAreAnError) {
@@ -338,15 +337,15 @@ TEST_F(UsiStore, WhatIsNoSettingsFileIsRefusedAndLeftAlone) {
       {"too big", std::string(USI_MAX_FILE + 1, '\n'), USI_FILE_TOO_BIG},
   };
   for (const auto& one : cases) {
-    write_file(storage, one.content);
+    write_text_file(storage, one.content);
     restart();
     EXPECT_EQ(get_code("k"), one.code) << one.what;
     EXPECT_EQ(set_and_commit("k", "2"), one.code) << one.what;
     EXPECT_EQ(value_of("k"), "2") << one.what << ": still staged";
-    EXPECT_EQ(read_file(storage), one.content) << one.what;
-    write_file(storage, "other=1\n");
+    EXPECT_EQ(read_text_file(storage), one.content) << one.what;
+    write_text_file(storage, "other=1\n");
     EXPECT_EQ(usiCommit(), 0) << one.what;
-    EXPECT_EQ(read_file(storage), "other=1\nk=2\n") << one.what;
+    EXPECT_EQ(read_text_file(storage), "other=1\nk=2\n") << one.what;
   }
 }
 
@@ -367,20 +366,28 @@ TEST_F(UsiStore, MissingFolderIsAnErrorOfTheCommitOnly) {
   EXPECT_EQ(set_and_commit("k", "v"), -ENOENT);
   fs::create_directory(folder / "none");
   EXPECT_EQ(usiCommit(), 0);
-  EXPECT_EQ(read_file(folder / "none/settings"), "k=v\n");
+  EXPECT_EQ(read_text_file(folder / "none/settings"), "k=v\n");
 }
 
 TEST_F(UsiStore, MissingPermissionIsAnErrorAndNothingIsLost) {
-  write_file(storage, "k=1\n");
+  write_text_file(storage, "k=1\n");
   ASSERT_EQ(chmod(storage.c_str(), 0), 0);
   ASSERT_EQ(chmod(config.c_str(), 0644), 0);
   ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
-  EXPECT_EQ(in_child([] { return become_nobody() ? -get_code("k") : 255; }), EACCES);
+  EXPECT_EQ(run_in_child([] {
+              drop_privileges();
+              return -get_code("k");
+            }).status,
+            EACCES);
   ASSERT_EQ(chmod(storage.c_str(), 0644), 0);
   ASSERT_EQ(chmod(folder.c_str(), 0555), 0);
-  EXPECT_EQ(in_child([] { return become_nobody() ? -set_and_commit("k", "2") : 255; }), EACCES);
+  EXPECT_EQ(run_in_child([] {
+              drop_privileges();
+              return -set_and_commit("k", "2");
+            }).status,
+            EACCES);
   ASSERT_EQ(chmod(folder.c_str(), 0755), 0);
-  EXPECT_EQ(read_file(storage), "k=1\n");
+  EXPECT_EQ(read_text_file(storage), "k=1\n");
 }
 
 /// A small file system of the calling process's own, with `free_bytes` left. Gone with the process.
@@ -388,7 +395,7 @@ bool mount_small_disk(const fs::path& folder, size_t free_bytes) {
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return false;
   if (mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=256k") != 0) return false;
-  write_file(folder / "filler", std::string(256 * 1024 - free_bytes, 'x'));
+  write_text_file(folder / "filler", std::string(256 * 1024 - free_bytes, 'x'));
   return fs::file_size(folder / "filler") == 256 * 1024 - free_bytes;
 }
 
@@ -397,35 +404,32 @@ TEST_F(UsiStore, FullDiskKeepsTheOldFileAndTheStagedValue) {
   const fs::path disk = folder / "disk";
   fs::create_directory(disk);
   constexpr int not_possible = 77;
-  const int result = in_child([&] {
-    if (!mount_small_disk(disk, 8192)) return not_possible;
-    const fs::path file = disk / "settings";
-    usiSetStorageFile(file.c_str());
-    if (set_and_commit("k", "1") != 0) return 1;
-    if (set_and_commit("k", big) != -ENOSPC) return 2;
-    if (read_file(file) != "k=1\n" || fs::exists(disk / "settings.usi-new")) return 3;
-    if (value_of("k") != big) return 4;
-    fs::remove(disk / "filler");
-    if (usiCommit() != 0) return 5;
-    return read_file(file) == "k=" + big + "\n" ? 0 : 6;
-  });
+  const int result = run_in_child([&] {
+                       if (!mount_small_disk(disk, 8192)) return not_possible;
+                       const fs::path file = disk / "settings";
+                       usiSetStorageFile(file.c_str());
+                       if (set_and_commit("k", "1") != 0) return 1;
+                       if (set_and_commit("k", big) != -ENOSPC) return 2;
+                       if (read_text_file(file) != "k=1\n" || fs::exists(disk / "settings.usi-new")) return 3;
+                       if (value_of("k") != big) return 4;
+                       fs::remove(disk / "filler");
+                       if (usiCommit() != 0) return 5;
+                       return read_text_file(file) == "k=" + big + "\n" ? 0 : 6;
+                     }).status;
   if (result == not_possible) GTEST_SKIP() << "needs the right to mount a file system";
   EXPECT_EQ(result, 0);
 }
 
 TEST_F(UsiStore, NoDescriptorStaysOpen) {
-  const auto count = [] {
-    return std::distance(fs::directory_iterator{"/proc/self/fd"}, fs::directory_iterator{});
-  };
-  const auto before = count();
+  const size_t before = open_descriptors();
   EXPECT_EQ(set_and_commit("k", "v"), 0);
   EXPECT_EQ(value_of("none"), std::nullopt);
   EXPECT_EQ(set_and_commit("k", "v"), 0);
-  EXPECT_EQ(count(), before);
+  EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST_F(UsiStore, StoppedProcessWithTheLockDelaysNoReaderAndACommitFiveSecondsAtMost) {
-  write_file(storage, "k=1\n");
+  write_text_file(storage, "k=1\n");
   const fs::path lock = folder / "settings.lock";
   const pid_t holder = start_child([&] {
     const int fd = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -453,12 +457,12 @@ TEST_F(UsiStore, StoppedProcessWithTheLockDelaysNoReaderAndACommitFiveSecondsAtM
   }
   committer.join();
   EXPECT_GT(reads, 10);
-  EXPECT_EQ(read_file(storage), "k=1\n");
+  EXPECT_EQ(read_text_file(storage), "k=1\n");
 
   kill(holder, SIGKILL);
-  end_of(holder);
+  wait_for_child(holder);
   EXPECT_EQ(usiCommit(), 0);
-  EXPECT_EQ(read_file(storage), "k=2\n");
+  EXPECT_EQ(read_text_file(storage), "k=2\n");
 }
 
 TEST_F(UsiStore, ThreadsSetCommitAndReadAtTheSameTime) {
