@@ -8,12 +8,17 @@
 #include "cloud/logic_state.h"
 #include "core/log.h"
 #include "core/owned.h"
+#include "core/sync.h"
 
 #include <cstring>
 
 namespace {
 
 constexpr char log_source[] = "control_listener_command";
+
+// Pause and resume each change the session and the requests: two of them at once, from the control port and in a
+// broker message, would leave a session whose requests wait for a resume that has been.
+constinit sync_mutex connections_lock{lock_rank::connections};
 
 void start_session_if_stopped(AgentSettings* settings) {
   if (keep_connection == 0) start_broker_thread(settings);
@@ -107,6 +112,7 @@ int command_send_discovery(AgentSettings* settings, const DiscoveryParams* param
 }
 
 int command_resume_connections(AgentSettings* settings, const char* carrier_id) {
+  const scoped_lock lock{connections_lock};
   log_debug("Starting connections.\n");
   if (carrier_id != nullptr) store_carrier_id(settings, carrier_id);
   resume_http_requests();
@@ -115,6 +121,7 @@ int command_resume_connections(AgentSettings* settings, const char* carrier_id) 
 }
 
 int command_pause_connections() {
+  const scoped_lock lock{connections_lock};
   log_debug("Stop connections.\n");
   stop_broker_thread();
   pause_http_requests();

@@ -26,7 +26,8 @@
 
 /// The order in which one thread may take locks: only upwards. Locks of one rank are never held together.
 enum class lock_rank : uint8_t {
-  discovery = 10,  ///< discovery period and thread
+  connections,     ///< pause and resume: session and requests together
+  discovery,       ///< discovery period and thread
   broker_session,  ///< start and stop of the broker thread
   agent_state,     ///< the state record: set, report, save
   delivery_pool,   ///< enqueueing and the workers' exit decision

@@ -5,8 +5,11 @@
 #include "failing_strdup.h"
 #include "in_order.h"
 
+#include <chrono>
+#include <future>
 #include <gmock/gmock.h>
 #include <string>
+#include <thread>
 
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -270,6 +273,25 @@ TEST_F(ControlCommandTest, AResumeLetsRequestsGoAndStartsAWantedSession) {
     EXPECT_EQ(did("start session"), test.starts)
         << test.force << ' ' << test.discovery_open << ' ' << test.claimed;
   }
+}
+
+TEST_F(ControlCommandTest, AResumeThatComesDuringAPauseHasTheLastWord) {
+  store({{"q_force_connection", "1"}});
+  keep_connection = 1;
+  std::promise<void> resumed;
+  std::thread resuming;
+  fakes.when_stopped = [&] {
+    resuming = std::thread{[&] {
+      command_resume_connections(&settings, nullptr);
+      resumed.set_value();
+    }};
+    // It has to wait: it would be over long before.
+    EXPECT_EQ(resumed.get_future().wait_for(std::chrono::milliseconds{200}), std::future_status::timeout);
+  };
+  command_pause_connections();
+  resuming.join();
+  EXPECT_EQ(http_requests_paused(), 0);
+  EXPECT_EQ(keep_connection, 1);
 }
 
 TEST_F(ControlCommandTest, AResumeTakesANewCarrierIdAndKeepsTheOldOneWithout) {

@@ -5,6 +5,8 @@
 #include "cloud/discovery.h"
 #include "core/log.h"
 
+#include <functional>
+
 /// Takes the place of the broker session and of the discovery scheduler, whose threads would reach for the network.
 /// Each call is a log line of the source "fake", so that a captured log tells the whole order of events. The
 /// definitions are weak, and the linker doesn't look for others.
@@ -12,6 +14,7 @@ struct fake_cloud {
   int push_result = 0;
   int discovery_open = 0;
   bool forced = false;
+  std::function<void()> when_stopped = {};  ///< called when stop_broker_thread() has stopped the session
 };
 inline fake_cloud fakes;
 
@@ -22,6 +25,7 @@ inline fake_cloud fakes;
 [[gnu::weak]] int stop_broker_thread() {
   log_write(level_debug, "fake", 0, "stop session\n");
   keep_connection = 0;
+  if (fakes.when_stopped) fakes.when_stopped();
   return 0;
 }
 [[gnu::weak]] int stop_broker_thread_unless_forced() {
