@@ -10,10 +10,15 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <vector>
 
 namespace {
 
 constexpr char log_source[] = "net_helper";
+
+// A host may have any number of addresses, and all of them have to fit.
+constexpr size_t first_resolver_buffer = 1024;
+constexpr size_t max_resolver_buffer = 1024 * 1024;
 
 int set_tcp_option(int fd, int option, int value) {
   return setsockopt(fd, IPPROTO_TCP, option, &value, sizeof value);
@@ -35,6 +40,20 @@ int socket_connect(const addrinfo* address) {
     return -1;
   }
   return fd.release();
+}
+
+int resolve_ipv4(const char* host, in_addr* address, int* resolver_error) {
+  std::vector<char> buffer(first_resolver_buffer);
+  hostent entry{};
+  hostent* found = nullptr;
+  *resolver_error = 0;
+  while (gethostbyname_r(host, &entry, buffer.data(), buffer.size(), &found, resolver_error) == ERANGE &&
+         buffer.size() < max_resolver_buffer) {
+    buffer.resize(2 * buffer.size());
+  }
+  if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) return -1;
+  std::memcpy(address, found->h_addr_list[0], sizeof *address);
+  return 0;
 }
 
 int set_keepalive(int fd) {

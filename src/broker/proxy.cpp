@@ -1,6 +1,7 @@
 #include "broker/proxy.h"
 
 #include "broker/net_helper.h"
+#include "broker/proxy_handshakes.h"
 #include "broker/ssl_routine.h"
 #include "core/config.h"
 #include "core/log.h"
@@ -37,9 +38,9 @@ struct broker_target {
 using handshake = int (*)(net_connection* connection, const char* host, int port,
                           const addrinfo* proxy_address);
 
-// Stands where this program has no handshake: the connection fails with the text of its kind of proxy.
-int no_handshake(net_connection*, const char*, int, const addrinfo*) {
-  return -1;
+template <auto connect>
+int socks_handshake(net_connection* connection, const char* host, int port, const addrinfo*) {
+  return connect(connection, host, port);
 }
 
 struct proxy_kind {
@@ -50,11 +51,11 @@ struct proxy_kind {
 };
 
 constexpr proxy_kind proxy_kinds[] = {
-    {1, nullptr, no_handshake, "Cannot connect using HTTP proxy.\n"},
-    {2, "Cannot create ssl connection to HTTPS proxy.\n", no_handshake,
+    {1, nullptr, http_proxy_connect, "Cannot connect using HTTP proxy.\n"},
+    {2, "Cannot create ssl connection to HTTPS proxy.\n", http_proxy_connect,
      "Cannot connect using HTTPS proxy.\n"},
-    {3, nullptr, no_handshake, "Cannot connect using SOCK4 proxy.\n"},
-    {4, nullptr, no_handshake, "Cannot connect using SOCK5 proxy.\n"},
+    {3, nullptr, socks_handshake<socks4_connect>, "Cannot connect using SOCK4 proxy.\n"},
+    {4, nullptr, socks_handshake<socks5_connect>, "Cannot connect using SOCK5 proxy.\n"},
 };
 
 const proxy_kind* find_proxy_kind(uint32_t type) {

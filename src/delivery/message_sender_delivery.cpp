@@ -16,25 +16,16 @@ namespace {
 
 constexpr char log_source[] = "message_sender";
 
-int resolve(const char* host, in_addr* address) {
-  char buffer[8192];
-  hostent entry{};
-  hostent* found = nullptr;
-  int failure = 0;
-  const int result = gethostbyname_r(host, &entry, buffer, sizeof buffer, &found, &failure);
-  if (result != 0 || found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
-    log_warning("Can't resolve host '%s'. h_errno=%d - %s.\n", host, failure, hstrerror(failure));
-    return -1;
-  }
-  std::memcpy(address, found->h_addr_list[0], sizeof *address);
-  return 0;
-}
-
 int connect_tcp(int fd, const char* host, uint16_t port) {
   sockaddr_in peer{};
   peer.sin_family = AF_INET;
   peer.sin_port = htons(port);
-  if (resolve(host, &peer.sin_addr) != 0) return -1;
+  int resolver_error = 0;
+  if (resolve_ipv4(host, &peer.sin_addr, &resolver_error) != 0) {
+    log_warning("Can't resolve host '%s'. h_errno=%d - %s.\n", host, resolver_error,
+                hstrerror(resolver_error));
+    return -1;
+  }
   if (connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
     log_warning("Can't connect to '%s':%d, errno=%d - %s.\n", host, port, errno, std::strerror(errno));
     return -1;

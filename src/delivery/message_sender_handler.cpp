@@ -36,7 +36,7 @@ int read_endpoints(const char* handler_name, char (&value)[value_size]) {
     errno = ENOENT;
     return -1;
   }
-  if (*value == '\0') {
+  if (*value == '\0') {  // only with a store that gives an empty value: config_get() takes it for none
     log_debug("host_address is empty.\n");
     errno = ENOENT;
     return -1;

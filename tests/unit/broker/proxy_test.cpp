@@ -1,6 +1,7 @@
 #include "broker/proxy.h"
 
 #include "broker/ssl_routine.h"
+#include "descriptors.h"
 #include "libc_hooks.h"
 #include "log_capture.h"
 #include "settings_file.h"
@@ -9,7 +10,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <optional>
+#include <thread>
 
 namespace {
 
@@ -17,19 +18,12 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using std::string_literals::operator""s;
 
 std::map<std::string, std::string> proxy_settings(int type, int port) {
   return {{"q_qcloud_use_proxy", std::to_string(type)},
           {"q_qcloud_proxy_hostname", "127.0.0.1"},
           {"q_qcloud_proxy_port", std::to_string(port)}};
-}
-
-size_t open_descriptors() {
-  size_t count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
-    ++count;
-  }
-  return count;
 }
 
 // Addresses for a fake resolver, in order.
@@ -71,23 +65,12 @@ protected:
   BrokerConnection() {
     ignore_sigpipe();
     settings_file::fill({});
-    log_.emplace();
   }
   ~BrokerConnection() override { options.ca_file = nullptr; }
 
-  // Collects the log anew; the authority stays.
-  void begin_log() {
-    const char* file = options.ca_file;
-    const char* path = options.ca_path;
-    log_.reset();
-    log_.emplace();
-    options.ca_file = file;
-    options.ca_path = path;
-  }
+  std::string log() { return log_.text(); }
 
-  std::string log() { return log_->text(); }
-
-  std::optional<log_capture> log_;
+  log_capture log_;
 };
 
 }  // namespace
@@ -247,26 +230,82 @@ TEST_F(BrokerConnection, WithoutMemoryForTheRecordItFailsAndTheProcessGoesOn) {
   EXPECT_THAT(log(), HasSubstr("WARNING: malloc().\n"));
 }
 
-TEST_F(BrokerConnection, EveryKindOfProxyIsConnectedToAndFailsWithItsText) {
+TEST_F(BrokerConnection, EachKindOfProxyHasItsHandshakeAndItsTextForAFailure) {
   struct {
     int type;
+    std::string first_bytes;
     const char* text;
   } const cases[] = {
-      {1, "WARNING: Cannot connect using HTTP proxy.\n"},
-      {3, "WARNING: Cannot connect using SOCK4 proxy.\n"},
-      {4, "WARNING: Cannot connect using SOCK5 proxy.\n"},
-      {7, "WARNING: Unrecognized proxy type"},
-      {5, "WARNING: Unrecognized proxy type"},
+      {1, "CONNECT", "WARNING: Cannot connect using HTTP proxy.\n"},
+      {3, "\4\1", "WARNING: Cannot connect using SOCK4 proxy.\n"},
+      {4, "\5\2", "WARNING: Cannot connect using SOCK5 proxy.\n"},
+      {7, "", "WARNING: Unrecognized proxy type"},
+      {5, "", "WARNING: Unrecognized proxy type"},
   };
-  for (const auto& [type, expected] : cases) {
+  for (const auto& [type, first_bytes, expected] : cases) {
     const loopback_listener proxy;
     settings_file::fill(proxy_settings(type, proxy.port()));
-    begin_log();
-    EXPECT_EQ(open_broker_connection("broker.test", 443, true), nullptr) << type;
-    const fd_owner peer = proxy.accept_one();
-    ASSERT_TRUE(peer.valid()) << type;
-    EXPECT_TRUE(ends_without_data(peer.get())) << type;
+    log_.restart();
+    std::string heard;
+    std::thread closing{[&proxy, &heard, size = first_bytes.size()] {
+      const fd_owner peer = proxy.accept_one();
+      heard = read_bytes(peer.get(), size);
+    }};
+    EXPECT_EQ(open_broker_connection("127.0.0.1", 443, true), nullptr) << type;
+    closing.join();
+    EXPECT_EQ(heard, first_bytes) << type;
     EXPECT_THAT(log(), HasSubstr(expected));
+  }
+}
+
+TEST_F(BrokerConnection, TheTenthFailedAttemptIsLikeTheFirst) {
+  for (const int type : {1, 2, 3, 4, 7}) {
+    const loopback_listener proxy;
+    settings_file::fill(proxy_settings(type, proxy.port()));
+    std::string first_log;
+    size_t first_descriptors = 0;
+    for (int attempt = 1; attempt <= 10; ++attempt) {
+      log_.restart();
+      std::thread closing{[&proxy] {
+        const fd_owner peer = proxy.accept_one();
+        read_bytes(peer.get(), 1);
+      }};
+      EXPECT_EQ(open_broker_connection("127.0.0.1", 443, true), nullptr);
+      closing.join();
+      const std::string lines = log();
+      if (attempt == 1) {
+        first_log = lines;
+        first_descriptors = open_descriptors();
+      }
+      EXPECT_EQ(lines, first_log) << type;
+      EXPECT_EQ(open_descriptors(), first_descriptors) << type;
+    }
+  }
+}
+
+TEST_F(BrokerConnection, ThroughAProxyThereIsNoTlsToTheBroker) {
+  struct {
+    int type;
+    std::string answer;
+  } const cases[] = {
+      {1, "HTTP/1.1 200 Connection established\r\n\r\n"},
+      {3, "\0\x5a\0\0\0\0\0\0"s},
+      {4, "\5\0\5\0\0\1\0\0\0\0\0\0"s},
+  };
+  for (const auto& [type, answer] : cases) {
+    const loopback_listener proxy;
+    settings_file::fill(proxy_settings(type, proxy.port()));
+    fd_owner peer;
+    std::thread granting{[&proxy, &peer, &bytes = answer] {
+      peer = proxy.accept_one();
+      EXPECT_EQ(send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                static_cast<ssize_t>(bytes.size()));
+    }};
+    const net_connection_ptr connection = open_broker_connection("127.0.0.1", 443, true);
+    granting.join();
+    ASSERT_NE(connection, nullptr) << log();
+    EXPECT_EQ(connection->ssl, nullptr);
+    conn_close(connection.get());
   }
 }
 
@@ -286,7 +325,7 @@ TEST_F(BrokerConnection, AnHttpsProxyGetsTlsUnderTheBrokersName) {
     const loopback_listener proxy;
     settings_file::fill(proxy_settings(2, proxy.port()));
     tls_server peer{server, [&proxy] { return proxy.accept_one(); }};
-    begin_log();
+    log_.restart();
     EXPECT_EQ(open_broker_connection("broker.test", 443, false), nullptr);
     peer.finish();
     EXPECT_TRUE(peer.accepted);
@@ -307,7 +346,7 @@ TEST_F(BrokerConnection, ARefusingProxyHasItsOwnText) {
 TEST_F(BrokerConnection, AProxyNeedsAPortInItsLow16Bits) {
   for (const int port : {0, 65536, 131072}) {
     settings_file::fill(proxy_settings(1, port));
-    begin_log();
+    log_.restart();
     EXPECT_EQ(open_broker_connection("broker.test", 443, true), nullptr);
     EXPECT_THAT(log(), HasSubstr("WARNING: Could not found proxy port. \n"));
   }
@@ -315,7 +354,7 @@ TEST_F(BrokerConnection, AProxyNeedsAPortInItsLow16Bits) {
 
 TEST_F(BrokerConnection, OnlyTheLow16BitsOfAProxyPortCount) {
   const loopback_listener proxy;
-  settings_file::fill(proxy_settings(3, 65536 + proxy.port()));
+  settings_file::fill(proxy_settings(7, 65536 + proxy.port()));
   EXPECT_EQ(open_broker_connection("broker.test", 443, true), nullptr);
   EXPECT_TRUE(proxy.accept_one().valid());
 }
