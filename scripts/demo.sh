@@ -2,20 +2,26 @@
 # The main job for real: the agent against a local cloud, from registration to a clean stop. Installs and builds what is
 # missing. Exit status 0 only if every step happened.
 #
-# usage: demo.sh [--keep]
-#   --keep   leave lab and agent running at the end, to play with
+# usage: demo.sh [--keep] [--proxy http|https|socks4|socks5]
+#   --keep    leave lab and agent running at the end, to play with
+#   --proxy   all of it through a real proxy of this kind, in a network of its own with no other way to cloud and broker
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 keep=
-case ${1:-} in
-  "") ;;
-  --keep) keep=1 ;;
-  *) echo "usage: demo.sh [--keep]" >&2; exit 2 ;;
-esac
+proxy=
+usage() { echo "usage: demo.sh [--keep] [--proxy http|https|socks4|socks5]" >&2; exit 2; }
+arguments=("$@")
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --keep) keep=1 ;;
+    --proxy) proxy=${2:-}; shift; [[ $proxy =~ ^(https?|socks[45])$ ]] || usage ;;
+    *) usage ;;
+  esac
+  shift
+done
 
 build=${ORVEL_DEMO_BUILD:-$root/build}
 python=/usr/bin/python3
-folder=$(mktemp -d /tmp/orvel-demo-XXXXXX)
 lab_pid=
 agent_pid=
 
@@ -36,7 +42,6 @@ end_everything() {
   [[ -z $agent_pid ]] || kill "$agent_pid" 2>/dev/null || true
   [[ -z $lab_pid ]] || kill "$lab_pid" 2>/dev/null || true
 }
-trap end_everything EXIT
 
 control() {  # control JSON: a request to the control port that must answer 0
   local reply
@@ -59,6 +64,30 @@ deliver() {  # deliver HANDLER SIZE: a random message arrives as it was sent
   echo "$1: $2 bytes, byte for byte ($(sha256sum <"$folder/sent" | cut -c1-16)...)"
 }
 
+show_session() {  # the broker's newest session: TLS 1.2, or, as the device is behind a proxy, plain TCP
+  lab status --json | $python -c '
+import json, sys
+status = json.load(sys.stdin)
+session = status["sessions"][-1]
+print("connected with", session["tls"] or "plain TCP", session["cipher"] or "", "identity", session["identity"])
+assert session["tls"] == (None if status["proxy"] else "TLSv1.2") and session["identity"], session' ||
+    fail "no session of the right kind with an identity"
+}
+
+show_proxy() {  # what the proxy has seen, and that nothing went past it
+  lab status --json | $python -c '
+import json, sys
+status = json.load(sys.stdin)
+proxy = status["proxy"]
+for name in ("cloud", "broker"):
+    port = str(status[name]["port"])
+    seen = [line for line in proxy["log"].splitlines() if port in line]
+    assert seen, (name, proxy["log"])
+    print(f"{name}, port {port}, for instance: {seen[-1]}")
+print(proxy["through"], "connections through", proxy["name"] + ",", proxy["past"], "packets past it")
+assert proxy["through"] >= 8 and proxy["past"] == 0, proxy' || fail "the proxy has not seen it all"
+}
+
 show_state() {  # show_state TEXT: waits until the newest state document holds TEXT, and shows it
   local state deadline=$((SECONDS + 20))
   while state=$(find "$folder/lab/received/event_sink" -type f | sort | tail -n 1 | xargs cat | tr -d '\n\t'); do
@@ -69,14 +98,30 @@ show_state() {  # show_state TEXT: waits until the newest state document holds T
   echo "event_sink: $state"
 }
 
-step "build"
-"$root/scripts/install-deps.sh"
-cmake -S "$root" -B "$build" -G Ninja >/dev/null
-cmake --build "$build" --target orvel usi_tool
-started=$SECONDS
+build_all() {
+  step "build"
+  "$root/scripts/install-deps.sh"
+  cmake -S "$root" -B "$build" -G Ninja >/dev/null
+  cmake --build "$build" --target orvel usi_tool
+}
 
-step "a local cloud: HTTPS endpoints, broker, handlers"
-ORVEL_BIN=$build/bin/orvel "$root/lab/orvel-lab" --dir "$folder/lab" up >"$folder/timeline" 2>&1 &
+go_on_in_own_network() {
+  local unshare=(unshare --net)
+  [[ $(id -u) -eq 0 ]] || unshare+=(--map-current-user --keep-caps)
+  ORVEL_DEMO_NETWORK=own exec "${unshare[@]}" "$0" "${arguments[@]}"
+}
+
+if [[ -z ${ORVEL_DEMO_NETWORK:-} ]]; then
+  build_all
+  [[ -z $proxy ]] || go_on_in_own_network
+fi
+started=$SECONDS
+folder=$(mktemp -d /tmp/orvel-demo-XXXXXX)
+trap end_everything EXIT
+
+step "a local cloud: HTTPS endpoints, broker, handlers${proxy:+; a proxy of the kind $proxy, and no other way to them}"
+ORVEL_BIN=$build/bin/orvel "$root/lab/orvel-lab" --dir "$folder/lab" up ${proxy:+--proxy "$proxy"} \
+  >"$folder/timeline" 2>&1 &
 lab_pid=$!
 lab wait up >/dev/null
 tail -n +1 -f --pid="$lab_pid" "$folder/timeline" | sed -u 's/^/  lab | /' &
@@ -93,11 +138,7 @@ step "the cloud's user claims the device; the device is told through its control
 lab claim >/dev/null
 control '{"command": "on_claim", "service": "demo", "claimed": true}'
 wait_for_session
-lab status --json | $python -c '
-import json, sys
-session = json.load(sys.stdin)["sessions"][-1]
-print("connected with", session["tls"], session["cipher"] + ", identity", session["identity"])
-assert session["tls"] == "TLSv1.2" and session["identity"], session' || fail "no TLS 1.2 session with an identity"
+show_session
 
 step "one message for each kind of handler"
 deliver tcp 300
@@ -121,6 +162,11 @@ wait_for_session
 step "the broker drops the session; the agent reconnects"
 lab drop >/dev/null
 wait_for_session
+
+if [[ -n $proxy ]]; then
+  step "the proxy's word on it"
+  show_proxy
+fi
 
 if [[ -n $keep ]]; then
   step "everything is left running"

@@ -12,7 +12,16 @@ packages=(
   libgtest-dev libgmock-dev python3-pytest python3-pytest-xdist
   clang clang-format clang-tidy
   iproute2 util-linux procps
+  squid tinyproxy-bin stunnel4 dante-server microsocks nftables
+  graphviz
 )
+
+# What brings a service along (init script, systemd unit). The tests run these programs by themselves, with their own
+# configuration; as a service none of them may run on this machine on our account, neither now nor after a restart.
+declare -A services=(
+  [squid]="squid squid.service" [stunnel4]="stunnel4 stunnel.target" [dante-server]="danted danted.service"
+)
+policy=/usr/sbin/policy-rc.d  # asked by every package that is about to start its service
 
 missing=()
 for package in "${packages[@]}"; do
@@ -40,10 +49,28 @@ if ! command -v apt-get >/dev/null; then
   exit 1
 fi
 
+forbid_starts() {  # a machine that has a policy keeps it
+  [[ ! -e $policy ]] || return 0
+  trap '"${as_root[@]}" rm -f "$policy"' EXIT
+  printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin "$policy"
+}
+
+keep_new_services_off() {
+  local package script unit
+  for package in "${missing[@]}"; do
+    read -r script unit <<<"${services[$package]:-}"
+    [[ -n $script ]] || continue
+    ! command -v systemctl >/dev/null || "${as_root[@]}" systemctl --quiet disable "$unit" 2>/dev/null || true
+    ! command -v update-rc.d >/dev/null || "${as_root[@]}" update-rc.d "$script" disable 2>/dev/null || true
+  done
+}
+
 echo "installing: ${missing[*]}"
+forbid_starts
 "${as_root[@]}" apt-get update -qq
 if ! "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
     "${missing[@]}" >/dev/null; then
   echo "apt-get could not install all of: ${missing[*]}" >&2
   exit 1
 fi
+keep_new_services_off

@@ -11,10 +11,11 @@ from .control import Control
 from .handlers import ExecutableSink, TcpSink, UnixSink
 from .lab import Lab
 from .packets import Packet, Type
+from .scripted_proxy import Answer, ProxyConnection, ScriptedProxy
 from .waiting import DEADLINE, DeadlinePassed, Event, Journal, wait_until
 
 __all__ = [
-    "Agent", "Authority", "Broker", "Certificate", "Cloud", "Control", "DEADLINE", "DeadlinePassed", "Event",
-    "ExecutableSink", "Journal", "Lab", "Packet", "Reply", "Request", "SanitizerReport", "Session", "TcpSink",
-    "Type", "UnixSink", "wait_until",
+    "Agent", "Answer", "Authority", "Broker", "Certificate", "Cloud", "Control", "DEADLINE", "DeadlinePassed", "Event",
+    "ExecutableSink", "Journal", "Lab", "Packet", "ProxyConnection", "Reply", "Request", "SanitizerReport",
+    "ScriptedProxy", "Session", "TcpSink", "Type", "UnixSink", "wait_until",
 ]

@@ -12,7 +12,7 @@ from dataclasses import dataclass
 from typing import TypeVar
 
 from .channel import Channel, ChannelEnded
-from .listener import Listener, ReservedPort
+from .listener import Listener, Listening, ReservedPort
 from .packets import Decoder, Packet, Type, cut, heartbeat_response, plain_message
 from .waiting import DEADLINE, DeadlinePassed, Event, Journal, Observer, Wake, ignore
 
@@ -261,8 +261,8 @@ class Session:
         self._broker.observer(Event("broker", f"session {self.number}: {what}", {"session": self.number, **details}))
 
 
-class Broker:
-    """Listens on a loopback port of its own from start() to stop()."""
+class Broker(Listening):
+    """Listens on a loopback port of its own (0) or on a given one from start() to stop()."""
 
     def __init__(
         self,
@@ -270,29 +270,17 @@ class Broker:
         families: Sequence[int] = (socket.AF_INET,),
         answer_heartbeats: bool = True,
         observer: Observer = ignore,
+        port: int = 0,
     ) -> None:
         self.context = context  # TLS of the connections accepted from now on; None is plain TCP
         self.answer_heartbeats = answer_heartbeats
         self.observer = observer
         self.connections: Journal[Session] = Journal()
-        self.listener = Listener(ReservedPort(families), self._serve, "broker")
+        self.listener = Listener(ReservedPort(families, port), self._serve, "broker")
         self.port = self.listener.address.port
         self._plans: collections.deque[Plan] = collections.deque()
         self._returned: set[int] = set()
         self._lock = threading.Lock()
-
-    def start(self) -> None:
-        self.listener.start()
-
-    def stop(self) -> None:
-        self.listener.stop()
-
-    def refuse(self) -> None:
-        """From now on connections are refused (nothing listens on the port) until accept() is called."""
-        self.listener.refuse()
-
-    def accept(self) -> None:
-        self.listener.start()
 
     def plan(self, kind: str, times: int = 1, data: bytes = b"") -> None:
         """Treats the next `times` connections (after those planned before) as Plan describes."""

@@ -15,6 +15,7 @@ from typing import Any
 
 from .lab import HARDWARE_ID
 from .playground import LAB_FILE, Options, Playground, Refusal, timeline_entry
+from .scripted_proxy import KINDS
 
 DESCRIPTION = """\
 A local cloud for the agent: registration, claim status, discovery, advisor, message broker, and the receiving
@@ -109,6 +110,8 @@ def parser() -> argparse.ArgumentParser:
 def add_up(added: argparse.ArgumentParser) -> None:
     added.add_argument("--agent", type=Path, help="the agent's program (ORVEL_BIN, or build/bin/orvel beside the lab)")
     added.add_argument("--no-tls", dest="tls", action="store_false", help="plain TCP between agent and broker")
+    proxy = "reach cloud and broker only through a real proxy; in a network of its own (unshare --net)"
+    added.add_argument("--proxy", choices=list(KINDS), help=proxy)
     added.add_argument("--claimed", action="store_true", help="the device is claimed from the start")
     added.add_argument("--no-token", dest="token", action="store_false", help="the advisor gives no token")
     added.add_argument("--heartbeat", type=int, metavar="SECONDS", help="the advisor asks for heartbeats")
@@ -242,6 +245,9 @@ def status_text(document: dict[str, Any]) -> str:
         f"advisor    {json.dumps(document['advice'])}",
         f"control    port {document['control_port']}",
     ]
+    if proxy := document["proxy"]:
+        counts = f"{proxy['through']} connections through it, {proxy['past']} packets past it"
+        lines.append(f"proxy      {proxy['kind']}, {proxy['name']} on port {proxy['port']}: {counts}")
     for device in document["devices"]:
         claimed = "claimed" if device["claimed"] else "not claimed"
         lines.append(f"device     {device['hardware_id']} is {device['id']}, {claimed}")

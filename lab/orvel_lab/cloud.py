@@ -19,7 +19,7 @@ from typing import Any
 from urllib.parse import parse_qs, urlsplit
 
 from .channel import Channel, ChannelEnded
-from .listener import Listener, ReservedPort
+from .listener import Listener, Listening, ReservedPort
 from .waiting import Event, Journal, Observer, Wake, ignore
 
 MAX_HEAD = 64 * 1024
@@ -140,7 +140,7 @@ class Device:
         return f"{self.id}:{self.claim_code}"
 
 
-class Cloud:
+class Cloud(Listening):
     """Listens on a loopback port of its own from start() to stop()."""
 
     def __init__(self, context: ssl.SSLContext, observer: Observer = ignore) -> None:
@@ -155,21 +155,8 @@ class Cloud:
         self._scripts: dict[str, collections.deque[Reply]] = {kind: collections.deque() for kind in ENDPOINTS}
         self._lock = threading.Lock()  # scripts, devices, connection count
         self._connections = 0
-        self._listener = Listener(ReservedPort([socket.AF_INET]), self._serve, "cloud")
-        self.port = self._listener.address.port
-
-    def start(self) -> None:
-        self._listener.start()
-
-    def stop(self) -> None:
-        self._listener.stop()
-
-    def refuse(self) -> None:
-        """From now on connections are refused (nothing listens on the port) until accept() is called."""
-        self._listener.refuse()
-
-    def accept(self) -> None:
-        self._listener.start()
+        self.listener = Listener(ReservedPort([socket.AF_INET]), self._serve, "cloud")
+        self.port = self.listener.address.port
 
     def url(self, kind: str, host: str = "127.0.0.1") -> str:
         """The endpoint's address as the agent's settings hold it."""
@@ -250,7 +237,7 @@ class Cloud:
     # A connection, on its own thread.
 
     def _serve(self, accepted: socket.socket) -> None:
-        channel = Channel(accepted, self._listener.stopping, self.context)
+        channel = Channel(accepted, self.listener.stopping, self.context)
         with self._lock:
             self._connections += 1
             number = self._connections

@@ -12,7 +12,7 @@ from pathlib import Path
 from typing import Any
 
 from .channel import Channel, ChannelEnded
-from .listener import Listener, ReservedPort, UnixPath, join
+from .listener import Listener, Listening, ReservedPort, UnixPath, join
 from .waiting import Event, Journal, Observer, Wake, ignore, poll_readable
 
 
@@ -80,7 +80,7 @@ class Sink:
         self._observer(Event("handler", f"{self.name}: {len(message)} bytes {shown!r}", details))
 
 
-class SocketSink(Sink):
+class SocketSink(Listening, Sink):
     """One connection is one message. Connections are served one after another, so the order of messages is sure.
 
     `behaviour` is "read", "close" (before reading) or "hold" (never reads, until release() or stop()).
@@ -91,27 +91,14 @@ class SocketSink(Sink):
         self.behaviour = "read"
         self.connections: Journal[str] = Journal()  # the behaviour that each one met
         self._released = Wake()
-        self._listener = Listener(address, self._serve, f"handler-{name}", serial=True)
-
-    def start(self) -> None:
-        self._listener.start()
-
-    def stop(self) -> None:
-        self._listener.stop()
-
-    def refuse(self) -> None:
-        """From now on connections are refused, until accept() is called."""
-        self._listener.refuse()
-
-    def accept(self) -> None:
-        self._listener.start()
+        self.listener = Listener(address, self._serve, f"handler-{name}", serial=True)
 
     def release(self) -> None:
         self.behaviour = "read"
         self._released.set()
 
     def _serve(self, accepted: socket.socket) -> None:
-        channel = Channel(accepted, self._listener.stopping)
+        channel = Channel(accepted, self.listener.stopping)
         self.connections.append(self.behaviour)
         try:
             if self.behaviour == "close":

@@ -19,6 +19,7 @@ from .certificates import Authority, Certificate
 from .cloud import Cloud, Device
 from .handlers import ExecutableSink, Sink, TcpSink, UnixSink
 from .listener import ReservedPort
+from .scripted_proxy import KINDS, ScriptedProxy
 from .waiting import Observer, ignore, wait_until
 
 HARDWARE_ID = "ABCDEFGH12345"
@@ -47,6 +48,7 @@ class Lab:
     tls                   whether the broker link uses TLS
     token                 the advisor's token; None gives none, and the agent identifies itself by its id
     broker_host           the name in the advisor's answer
+    broker_port           0 is any free one
     families              of the broker's addresses: socket.AF_INET, socket.AF_INET6, or both
     minimum, maximum      TLS versions of the broker, 1.2 alone unless given
     """
@@ -60,6 +62,7 @@ class Lab:
         tls: bool = True,
         token: bytes | None = TOKEN,
         broker_host: str = "localhost",
+        broker_port: int = 0,
         families: Sequence[int] = (socket.AF_INET,),
         minimum: ssl.TLSVersion = ssl.TLSVersion.TLSv1_2,
         maximum: ssl.TLSVersion = ssl.TLSVersion.TLSv1_2,
@@ -77,6 +80,7 @@ class Lab:
         self.hardware_id = hardware_id
         self.agents: list[Agent] = []
         self.handlers: dict[str, Sink] = {}
+        self.proxies: list[ScriptedProxy] = []
         self._observer = observer
         self._short_folder: tempfile.TemporaryDirectory[str] | None = None
         self._control_ports: list[ReservedPort] = []
@@ -88,7 +92,7 @@ class Lab:
         if tls:
             certificate = broker_certificate or self.authority.issue()
             broker_context = certificate.server_context(minimum, maximum, key_log=key_log)
-        self.broker = Broker(broker_context, families, observer=observer)
+        self.broker = Broker(broker_context, families, observer=observer, port=broker_port)
         self.broker_host = broker_host
         self.cloud.advise_connect(broker_host, self.broker.port, token)
 
@@ -127,6 +131,8 @@ class Lab:
                 agent.stop()
             except Exception as failure:  # the others have to be stopped all the same
                 failures.append(failure)
+        for proxy in self.proxies:
+            proxy.stop()
         if self._started:
             for part in (*self.handlers.values(), self.broker, self.cloud):
                 part.stop()
@@ -194,6 +200,20 @@ class Lab:
         if self._started:
             sink.start()
         return sink
+
+    # Proxies.
+
+    def proxy(self, kind: str, **options) -> ScriptedProxy:
+        """Starts a scripted proxy ("http", "https", "socks4", "socks5"), the one that the settings name from now on."""
+        if kind == "https":
+            options.setdefault("context", self.authority.issue().server_context())
+        proxy = ScriptedProxy(kind, **options)
+        self.proxies.append(proxy)
+        proxy.start()
+        self.settings["q_qcloud_use_proxy"] = str(KINDS[kind])
+        self.settings["q_qcloud_proxy_hostname"] = "127.0.0.1"
+        self.settings["q_qcloud_proxy_port"] = str(proxy.port)
+        return proxy
 
     # The agent.
 

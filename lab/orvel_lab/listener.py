@@ -16,17 +16,17 @@ FREE_PORT_ATTEMPTS = 50
 
 
 class ReservedPort:
-    """A port that is nobody else's: bound, not listening, so that a connection to it is refused.
+    """A port that is nobody else's: bound, not listening, so that a connection to it is refused. 0 is any free one.
 
     SO_REUSEPORT lets listeners of the same user that ask for it (the agent's control port does) bind it as well.
     """
 
-    def __init__(self, families: Sequence[int] = (socket.AF_INET,)) -> None:
+    def __init__(self, families: Sequence[int] = (socket.AF_INET,), port: int = 0) -> None:
         self.families = tuple(families)
         for attempt in range(FREE_PORT_ATTEMPTS):
             self._sockets: list[socket.socket] = []
             try:
-                self.port = 0
+                self.port = port
                 for family in self.families:
                     self._sockets.append(bound_socket(family, self.port))
                     self.port = self._sockets[0].getsockname()[1]
@@ -148,6 +148,25 @@ class Listener:
             self._connections = [other for other in self._connections if other.is_alive()]
             self._connections.append(thread)
             thread.start()
+
+
+class Listening:
+    """What the lab's servers have in common: each listens with its `listener` from start() to stop()."""
+
+    listener: Listener
+
+    def start(self) -> None:
+        self.listener.start()
+
+    def stop(self) -> None:
+        self.listener.stop()
+
+    def refuse(self) -> None:
+        """From now on connections are refused (nothing listens any more) until accept() is called."""
+        self.listener.refuse()
+
+    def accept(self) -> None:
+        self.listener.start()
 
 
 def join(thread: threading.Thread) -> None:

@@ -13,6 +13,7 @@ import signal
 import socket
 import threading
 from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from dataclasses import asdict, dataclass, field
 from datetime import datetime
 from pathlib import Path
@@ -25,6 +26,8 @@ from .control import Control
 from .handlers import Sink
 from .lab import HARDWARE_ID, TOKEN, Lab
 from .listener import Listener, UnixPath
+from .network import Firewall, is_private, set_up_loopback
+from .real_proxies import RealProxy, open_proxy
 from .waiting import DeadlinePassed, Event, Journal, Wake
 
 LAB_FILE = "lab.json"
@@ -41,7 +44,8 @@ class Options:
     """What `up` is told."""
 
     folder: Path
-    tls: bool = True
+    tls: bool = True  # without a proxy
+    proxy: str | None = None
     claimed: bool = False
     token: bool = True
     heartbeat: int | None = None
@@ -61,13 +65,16 @@ class Playground:
         self._events: Journal[Event] = Journal()
         self._stop = Wake()
         self._print_lock = threading.Lock()
+        self._proxy: RealProxy | None = None
 
     def run(self) -> None:
         """Until SIGINT, SIGTERM or SIGHUP."""
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(number, lambda _number, _frame: self._stop.set())
         folder = self.options.folder
-        with OwnFolder(folder), self._make_lab() as lab:
+        if self.options.proxy is not None:
+            prepare_network()
+        with OwnFolder(folder), self._make_lab() as lab, self._make_proxy(lab):
             self.lab = lab
             for add, name in ((lab.tcp_handler, "tcp"), (lab.unix_handler, "unix"), (lab.executable_handler, "exec")):
                 add(name)
@@ -90,12 +97,28 @@ class Playground:
         options = self.options
         return Lab(
             options.folder,
-            tls=options.tls,
+            tls=self._tls,
             claimed=options.claimed,
             hardware_id=options.hardware_id,
             key_log=options.key_log,
             observer=self._tell,
         )
+
+    @property
+    def _tls(self) -> bool:
+        """Through a proxy the agent speaks the plain broker protocol."""
+        return self.options.tls and self.options.proxy is None
+
+    @contextmanager
+    def _make_proxy(self, lab: Lab) -> Iterator[None]:
+        """Everything but the proxy is kept away from cloud and broker."""
+        if self.options.proxy is None:
+            yield
+            return
+        with open_proxy(self.options.proxy, lab.authority.issue()) as self._proxy:
+            lab.settings.update(self._proxy.settings)
+            self._firewall = Firewall([lab.cloud.port, lab.broker.port])
+            yield
 
     def _publish(self, socket_path: str) -> None:
         """Writes lab.json, which says that the lab is up, and shows how to start the agent."""
@@ -133,7 +156,7 @@ class Playground:
             "agent_command": command,
             "agent_command_line": shlex.join(command),
             "cloud": {"port": lab.cloud.port},
-            "broker": {"host": lab.broker_host, "port": lab.broker.port, "tls": self.options.tls},
+            "broker": {"host": lab.broker_host, "port": lab.broker.port, "tls": self._tls},
             "handlers": {
                 name: {"endpoint": sink.endpoint, "folder": str(lab.received(name))}
                 for name, sink in lab.handlers.items()
@@ -149,9 +172,17 @@ class Playground:
             "advice": lab.cloud.advice,
             "requests": {kind: len(lab.cloud.requests(kind)) for kind in kinds},
             "connected": self._connected() is not None,
+            "proxy": self._proxy_status(),
             "sessions": [session_document(session) for session in lab.broker.sessions],
             "received": {name: len(sink.messages) for name, sink in lab.handlers.items()},
         }
+
+    def _proxy_status(self) -> dict[str, Any] | None:
+        if self._proxy is None:
+            return None
+        proxy = self._proxy
+        counts = {"through": self._firewall.through, "past": self._firewall.past}
+        return {"kind": proxy.kind, "name": proxy.name, "port": proxy.port, "log": proxy.log, **counts}
 
     def _connected(self) -> Session | None:
         """The open session whose identity has been received."""
@@ -293,6 +324,12 @@ def session_document(session: Session) -> dict[str, Any]:
 def timeline_entry(event: dict[str, Any]) -> str:
     moment = datetime.fromtimestamp(event["time"]).strftime("%H:%M:%S.%f")[:-3]
     return f"{moment} {event['source']:8} {event['summary']}"
+
+
+def prepare_network() -> None:
+    if not is_private():
+        raise Refusal("--proxy needs a network of its own: start the lab under `unshare --net`")
+    set_up_loopback()
 
 
 class OwnFolder:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import sys
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack
@@ -12,6 +13,9 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "lab"))
 
 from orvel_lab import Authority, Lab  # noqa: E402  (found only now)
+from orvel_lab.network import private_network  # noqa: E402
+from orvel_lab.real_proxies import RealProxy  # noqa: E402
+from real_proxy_site import MakeSite, Site  # noqa: E402
 
 LABS = pytest.StashKey[list[Lab]]()
 
@@ -26,6 +30,15 @@ def certs(tmp_path_factory: pytest.TempPathFactory) -> Authority:
 def namesake_certs(tmp_path_factory: pytest.TempPathFactory, certs: Authority) -> Authority:
     """Another authority of the same name, which no agent trusts."""
     return Authority(tmp_path_factory.mktemp("namesake"), name=certs.name)
+
+
+@pytest.fixture
+def own_network() -> Iterator[None]:
+    """All that the test starts lives in a network of its own: ports are free there, and rules concern nobody else."""
+    if os.geteuid() != 0:
+        pytest.skip("a network of one's own needs root")
+    with private_network():
+        yield
 
 
 @pytest.fixture
@@ -44,6 +57,22 @@ def make_lab(request: pytest.FixtureRequest, tmp_path: Path, certs: Authority) -
 
 
 @pytest.fixture
+def make_site(own_network: None, make_lab: Callable[..., Lab]) -> Iterator[MakeSite]:
+    """Starts a proxy and a lab of which everything but that proxy is kept away; nobody may have tried otherwise."""
+    sites: list[Site] = []
+    with ExitStack() as stack:
+
+        def make(proxy: RealProxy, **options) -> Site:
+            sites.append(Site(make_lab, stack, proxy, **options))
+            return sites[-1]
+
+        yield make
+        for site in sites:
+            print(site.proxy.log)  # shown when the test has failed
+            assert site.firewall.past == 0
+
+
+@pytest.fixture
 def lab(make_lab: Callable[..., Lab]) -> Lab:
     """A lab with a cloud that knows no device yet, and a broker over TLS."""
     return make_lab()
@@ -53,6 +82,12 @@ def lab(make_lab: Callable[..., Lab]) -> Lab:
 def claimed_lab(make_lab: Callable[..., Lab]) -> Lab:
     """A lab whose device is registered and claimed: its agent connects at once."""
     return make_lab(registered=True, claimed=True)
+
+
+@pytest.fixture
+def plain_lab(make_lab: Callable[..., Lab]) -> Lab:
+    """A claimed lab whose broker link is plain TCP."""
+    return make_lab(registered=True, claimed=True, tls=False)
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -76,6 +76,20 @@ class TestRequest:
         unclaimed.settings["q_discovery_delay"] = "0"
         assert sleeps(start(unclaimed), 1)[0] in range(3540, 3601)
 
+    def test_without_a_service_nothing_is_announced_when_discovery_is_switched_on_during_start_up(self, make_lab):
+        lab = make_lab(registered=True, settings={"q_use_discovery": "0"})
+        late = Reply(503, stall=True)
+        lab.cloud.script("claim", late)
+        agent = lab.start_agent("--log_debug", environment=ENVIRONMENT)
+        lab.cloud.wait_for_request("claim")
+        lab.change_setting("q_use_discovery", "1")
+        late.release()
+        agent.wait_for_line("pushing discovery.")
+        agent.wait_for_line("WARNING: If you want to make discovery request, please provide service id")
+        lab.broker.expect_session()
+        assert agent.stop() == 0
+        assert not lab.cloud.requests("discovery")
+
     def test_a_program_may_give_all_of_it(self, unclaimed: Lab):
         agent = start(unclaimed)
         members = {"service": "S", "id": "I", "discovery_time": 9, "discovery_data": ""}

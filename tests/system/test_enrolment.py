@@ -9,11 +9,10 @@ import signal
 import socket
 import subprocess
 import threading
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable
 
 import pytest
-from orvel_lab import Agent, Lab, Reply, wait_until
+from orvel_lab import Agent, Lab, Reply, ScriptedProxy, wait_until
 
 AN_HOUR = "3600"
 MEBIBYTE = 1024 * 1024
@@ -366,95 +365,18 @@ class TestTransfers:
         registered(eager, agent)
 
 
-class Proxy:
-    """A proxy for one connection at a time: `greet` reads the client's wish and gives the address that it names."""
+class OpenSocket:
+    """The address of a listener whose socket listens already."""
 
-    def __init__(self, listening: socket.socket, greet: Callable[[socket.socket], tuple[str, int]]) -> None:
+    def __init__(self, listening: socket.socket) -> None:
         self.port = listening.getsockname()[1]
         self._listening = listening
-        self._greet = greet
-        self._thread = threading.Thread(target=self._serve)
 
-    def __enter__(self) -> Proxy:
-        self._thread.start()
-        return self
+    def listening_sockets(self) -> list[socket.socket]:
+        return [self._listening]
 
-    def __exit__(self, *_: object) -> None:
-        self._listening.shutdown(socket.SHUT_RDWR)
-        self._thread.join()
+    def close(self) -> None:
         self._listening.close()
-
-    def _serve(self) -> None:
-        while True:
-            try:
-                client, _ = self._listening.accept()
-            except OSError:
-                return  # shut down
-            with client, socket.create_connection(self._greet(client)) as server:
-                back = threading.Thread(target=pump, args=(server, client))
-                back.start()
-                pump(client, server)
-                back.join()
-
-
-def pump(source: socket.socket, target: socket.socket) -> None:
-    try:
-        while data := source.recv(65536):
-            target.sendall(data)
-        target.shutdown(socket.SHUT_WR)
-    except OSError:
-        pass  # one side has gone
-
-
-def read_until(client: socket.socket, complete: Callable[[bytes], bool]) -> bytes:
-    data = b""
-    while not complete(data):
-        block = client.recv(1)
-        if not block:
-            raise ConnectionError(f"the client ended after {data!r}")
-        data += block
-    return data
-
-
-class Greeting:
-    """Keeps what clients have wished."""
-
-    def __init__(self) -> None:
-        self.wishes: list[bytes] = []
-
-    def http(self, client: socket.socket) -> tuple[str, int]:
-        wish = read_until(client, lambda data: data.endswith(b"\r\n\r\n"))
-        self.wishes.append(wish)
-        client.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
-        host, _, port = wish.split(b" ")[1].decode().rpartition(":")
-        return host, int(port)
-
-    def http_with_password(self, client: socket.socket) -> tuple[str, int]:
-        """Asks for credentials first, as a client that may use any method expects."""
-        self.wishes.append(read_until(client, lambda data: data.endswith(b"\r\n\r\n")))
-        head = b'HTTP/1.1 407 Authenticate\r\nProxy-Authenticate: Basic realm="x"\r\nContent-Length: 0\r\n\r\n'
-        client.sendall(head)
-        return self.http(client)
-
-    def socks4(self, client: socket.socket) -> tuple[str, int]:
-        wish = read_until(client, lambda data: len(data) > 8 and data.endswith(b"\0"))
-        self.wishes.append(wish)
-        client.sendall(b"\0\x5a" + bytes(6))
-        return socket.inet_ntoa(wish[4:8]), int.from_bytes(wish[2:4], "big")
-
-    def socks5(self, client: socket.socket) -> tuple[str, int]:
-        read_until(client, lambda data: len(data) > 2 and len(data) == 2 + data[1])
-        client.sendall(b"\5\0")
-        wish = read_until(client, lambda data: len(data) == 10)
-        self.wishes.append(wish)
-        client.sendall(b"\5\0\0\1" + bytes(6))
-        return socket.inet_ntoa(wish[4:8]), int.from_bytes(wish[8:10], "big")
-
-
-@contextmanager
-def proxy(greet: Callable[[socket.socket], tuple[str, int]]) -> Iterator[Proxy]:
-    with Proxy(socket.create_server(("127.0.0.1", 0)), greet) as started:
-        yield started
 
 
 def in_a_network_of_its_own(work: Callable[[], object]):
@@ -476,46 +398,40 @@ def in_a_network_of_its_own(work: Callable[[], object]):
 
 
 class TestProxies:
-    def configure(self, lab: Lab, kind: int, port: int, **more: str) -> None:
+    def configure(self, lab: Lab, kind: int, port: int) -> None:
         lab.settings.update({"q_qcloud_use_proxy": str(kind), "q_qcloud_proxy_hostname": "127.0.0.1"})
-        lab.settings.update({"q_qcloud_proxy_port": str(port), **{f"q_qcloud_proxy_{k}": v for k, v in more.items()}})
+        lab.settings["q_qcloud_proxy_port"] = str(port)
 
     def test_an_http_proxy_is_asked_for_a_tunnel(self, lab: Lab):
-        greeting = Greeting()
-        with proxy(greeting.http) as started:
-            self.configure(lab, 1, started.port)
-            registered(lab, start(lab))
-        assert {wish.split(b"\r\n")[0] for wish in greeting.wishes} == {
-            b"CONNECT 127.0.0.1:%d HTTP/1.1" % lab.cloud.port
-        }
+        proxy = lab.proxy("http")
+        registered(lab, start(lab))
+        wish = b"CONNECT 127.0.0.1:%d HTTP/1.1" % lab.cloud.port
+        assert {request.split(b"\r\n")[0] for request in proxy.requests} == {wish}
 
     def test_an_http_proxy_gets_the_credentials_that_it_asks_for(self, lab: Lab):
-        greeting = Greeting()
-        with proxy(greeting.http_with_password) as started:
-            self.configure(lab, 1, started.port, username="user", password="secret")
-            registered(lab, start(lab))
-        first, second = greeting.wishes[:2]
+        proxy = lab.proxy("http", credentials=("user", "secret"))
+        lab.settings.update({"q_qcloud_proxy_username": "user", "q_qcloud_proxy_password": "secret"})
+        registered(lab, start(lab))
+        first, second = proxy.requests[:2]
         assert b"Proxy-Authorization" not in first
         assert b"Proxy-Authorization: Basic " + base64.b64encode(b"user:secret") in second
 
-    @pytest.mark.parametrize(("kind", "name"), [(3, "socks4"), (4, "socks5")])
-    def test_a_socks_proxy_gets_the_clouds_address(self, lab: Lab, kind: int, name: str):
-        greeting = Greeting()
-        with proxy(getattr(greeting, name)) as started:
-            self.configure(lab, kind, started.port)
-            registered(lab, start(lab))
+    @pytest.mark.parametrize("kind", ["socks4", "socks5"])
+    def test_a_socks_proxy_gets_the_clouds_address(self, lab: Lab, kind: str):
+        proxy = lab.proxy(kind)
+        registered(lab, start(lab))
         address = socket.inet_aton("127.0.0.1"), lab.cloud.port.to_bytes(2, "big")
-        assert all(part in greeting.wishes[0] for part in address)
+        wish = proxy.connections.snapshot()[0].requests[-1]
+        assert all(part in wish for part in address)
 
     def test_kind_2_is_the_proxy_on_port_3128_of_the_device_itself(self, lab: Lab):
-        greeting = Greeting()
         self.configure(lab, 2, 9)
         work = lambda: (socket.create_server(("127.0.0.1", 3128)), start(lab))  # noqa: E731
         server, agent = in_a_network_of_its_own(work)
-        with Proxy(server, greeting.http):
+        with ScriptedProxy("http", address=OpenSocket(server)) as proxy:
             registered(lab, agent)
             assert agent.stop() == 0
-        assert greeting.wishes[0].startswith(b"CONNECT 127.0.0.1:%d HTTP/1.1\r\n" % lab.cloud.port)
+        assert proxy.requests[0].startswith(b"CONNECT 127.0.0.1:%d HTTP/1.1\r\n" % lab.cloud.port)
 
     def test_a_proxy_that_refuses_is_a_failed_request(self, lab: Lab):
         self.configure(lab, 1, lab.reserve_port())

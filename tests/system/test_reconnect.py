@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 import re
 import shlex
 import socket
@@ -12,24 +11,21 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
-from orvel_lab import Agent, Lab, Reply, wait_until
+from behind_proxy import PAST_THE_PROXY, descriptors
+from orvel_lab import Agent, Answer, Lab, Reply, wait_until
 from orvel_lab.agent import default_binary
 from orvel_lab.lab import TOKEN
 
 ATTEMPTS = 10
 BROKER_LINK = re.compile(r"^(qbroker_connection|proxy|ssl_routine|net_helper): \d+: ")
 REFUSED = "errno=111 - Connection refused."
-HTTP, HTTPS, SOCKS4, SOCKS5, UNKNOWN = "1", "2", "3", "4", "7"
+HTTP, UNKNOWN = "1", "7"
 
 
 @pytest.fixture
 def known(make_lab: Callable[..., Lab]) -> Callable[..., Lab]:
     """Labs whose device is registered and claimed."""
     return lambda **options: make_lab(registered=True, claimed=True, **options)
-
-
-def descriptors(agent: Agent) -> int:
-    return len(os.listdir(f"/proc/{agent.pid}/fd"))
 
 
 def what_the_link_says(agent: Agent) -> list[list[str]]:
@@ -277,18 +273,11 @@ class TestNames:
 
 
 class TestProxies:
-    """The cloud is asked without a proxy, and the answer comes when the settings name one."""
+    """Of the broker link alone: the cloud is asked past them."""
 
     def start(self, lab: Lab, **proxy: str) -> Agent:
-        lab.settings["q_qbroker_delay"] = "3600"  # one attempt: the next question to the cloud would take the proxy
-        advice = Reply(body=lab.cloud.advice, stall=True)
-        lab.cloud.script("advisor", advice)
-        agent = lab.start_agent("--log_debug")
-        lab.cloud.wait_for_request("advisor")
-        for key, value in proxy.items():
-            lab.change_setting(f"q_qcloud_{key}", value)
-        advice.release()
-        return agent
+        lab.settings.update({f"q_qcloud_{key}": value for key, value in proxy.items()})
+        return lab.start_agent("--log_debug", environment=PAST_THE_PROXY)
 
     def wait_for_failure(self, agent: Agent, text: str) -> None:
         agent.wait_for_line(text)
@@ -298,19 +287,20 @@ class TestProxies:
     @pytest.mark.parametrize(
         ("kind", "text"),
         [
-            (HTTP, "WARNING: Cannot connect using HTTP proxy."),
-            (SOCKS4, "WARNING: Cannot connect using SOCK4 proxy."),
-            (SOCKS5, "WARNING: Cannot connect using SOCK5 proxy."),
-            (UNKNOWN, "WARNING: Unrecognized proxy type"),
+            ("http", "WARNING: Cannot connect using HTTP proxy."),
+            ("https", "WARNING: Cannot connect using HTTPS proxy."),
+            ("socks4", "WARNING: Cannot connect using SOCK4 proxy."),
+            ("socks5", "WARNING: Cannot connect using SOCK5 proxy."),
         ],
     )
     def test_each_kind_is_connected_to_and_fails_with_its_text(self, known, kind: str, text: str):
-        lab = known(tls=False, broker_host="never.resolved.invalid")
-        lab.broker.plan("close")
-        port = str(lab.broker.port)
-        agent = self.start(lab, use_proxy=kind, proxy_hostname="127.0.0.1", proxy_port=port)
-        lab.broker.expect_connection()
+        lab = known(tls=False)
+        proxy = lab.proxy(kind)
+        proxy.script(Answer(b"", "close"), times=ATTEMPTS)
+        agent = self.start(lab)
+        assert proxy.expect_connection().wait_ended() == "lab closed"
         self.wait_for_failure(agent, text)
+        assert len(lab.broker.connections) == 0
 
     def test_the_text_for_an_unknown_kind_has_no_line_end(self, known):
         lab = known(tls=False)
@@ -318,15 +308,16 @@ class TestProxies:
         agent.wait_for_line(re.compile(r"Unrecognized proxy typeqbroker_connection: \d+:   DEBUG: keep_connection=1"))
 
     def test_an_https_proxy_gets_tls_under_the_brokers_name(self, known):
-        lab = known()
-        lab.broker.plan("close-after-identity")
-        agent = self.start(lab, use_proxy=HTTPS, proxy_hostname="127.0.0.1", proxy_port=str(lab.broker.port))
-        assert lab.broker.expect_session().tls_version == "TLSv1.2"
-        self.wait_for_failure(agent, "WARNING: Cannot connect using HTTPS proxy.")
+        lab = known(tls=False)
+        proxy = lab.proxy("https")
+        self.start(lab)
+        lab.broker.expect_session().expect_identity()
+        assert proxy.expect_connection().tls_version == "TLSv1.2"
 
     def test_an_https_proxy_that_does_not_name_the_broker_is_refused(self, known, certs):
-        lab = known(broker_certificate=certs.issue(common_name="127.0.0.1", dns=["127.0.0.1"]))
-        agent = self.start(lab, use_proxy=HTTPS, proxy_hostname="127.0.0.1", proxy_port=str(lab.broker.port))
+        lab = known()
+        lab.proxy("https", context=certs.issue(common_name="127.0.0.1", dns=["127.0.0.1"]).server_context())
+        agent = self.start(lab)
         agent.wait_for_line("Hostname validation failed.")
         self.wait_for_failure(agent, "WARNING: Cannot create ssl connection to HTTPS proxy.")
 
