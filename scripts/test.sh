@@ -2,7 +2,7 @@
 # Everything that must hold before a change lands: style, structure, and all tests, plain and under the sanitizers.
 #
 # usage: test.sh [STAGE ...]      (default: all, in this order)
-#   style     clang-format, include circles, docs/behaviour.md against the tests
+#   style     clang-format, include circles and their picture, sizes, docs/behaviour.md against the tests
 #   plain     release build, unit and system tests
 #   clang     clang build with -Wthread-safety, clang-tidy
 #   install   cmake --install, and a second build against the installed settings library
@@ -59,9 +59,10 @@ run_tests() {  # run_tests BUILD_FOLDER
 }
 
 run_style() {
-  stage "format, includes, behaviours"
+  stage "format, includes, sizes, behaviours"
   own_sources | xargs clang-format --dry-run -Werror
-  $python scripts/check-includes.py
+  $python scripts/includes.py check
+  $python scripts/check-sizes.py
   $python scripts/check-behaviour.py
 }
 
