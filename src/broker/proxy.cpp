@@ -1,7 +1,7 @@
 #include "broker/proxy.h"
 
-#include "broker/net_helper.h"
 #include "broker/proxy_handshakes.h"
+#include "broker/proxy_stream.h"
 #include "broker/ssl_routine.h"
 #include "core/config.h"
 #include "core/log.h"
@@ -176,12 +176,11 @@ net_connection_ptr open_broker_connection(const char* host, int port, bool use_s
   if (addresses == nullptr) return nullptr;
 
   const addrinfo* address = choose_address(addresses.get());
-  fd_owner socket{socket_connect(address)};
+  fd_owner socket{connect_with_keepalives(address)};
   if (!socket.valid()) {
     log_connect_failure(proxy_type, target);
     return nullptr;
   }
-  if (set_keepalive(socket.get()) != 0) log_error("Can not set keepalive options for the socket.\n");
 
   net_connection_ptr connection{static_cast<net_connection*>(std::malloc(sizeof(net_connection)))};
   if (connection == nullptr) {

@@ -8,9 +8,9 @@
 // until the proxy has answered, has closed, or a signal interrupts it (a stop of the session sends one). All log
 // their own failures. Broker thread.
 
-/// HTTP CONNECT (RFC 7231, section 4.3.6). When the proxy demands Basic authentication (RFC 7617), connects once more to
-/// `proxy_address`, with TLS if the connection has TLS, and tries again with the user name and password of the
-/// settings. 0 when the tunnel is open, -1 otherwise; either way the connection may have another socket by then.
+/// HTTP CONNECT (RFC 7231, section 4.3.6). When the proxy demands Basic authentication (RFC 7617), connects once
+/// more to `proxy_address`, with TLS if the connection has TLS, and tries again with the user name and password of
+/// the settings. 0 when the tunnel is open, -1 otherwise; either way the connection may have another socket by then.
 [[nodiscard]] int http_proxy_connect(net_connection* connection, const char* host, int port,
                                      const addrinfo* proxy_address);
 

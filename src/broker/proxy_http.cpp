@@ -1,5 +1,4 @@
 #include "broker/base64.h"
-#include "broker/net_helper.h"
 #include "broker/proxy_handshakes.h"
 #include "broker/proxy_stream.h"
 #include "broker/ssl_routine.h"
@@ -32,14 +31,6 @@ struct partial_answer {
 
   [[nodiscard]] std::string_view bytes() const { return {text.get(), length}; }
 
-  void append(const char* chunk, size_t size) {
-    if (length + size + 1 > capacity) grow(length + size + 1);
-    std::memcpy(text.get() + length, chunk, size);
-    length += size;
-    text.get()[length] = '\0';
-  }
-
-private:
   // At least doubles, so that a long answer is not copied for each of its chunks.
   void grow(size_t needed) {
     capacity = std::max(needed, 2 * capacity);
@@ -47,6 +38,13 @@ private:
     if (grown == nullptr) allocation_failed(ALLOCATION("realloc().\n", 1));
     static_cast<void>(text.release());  // it is `grown` now
     text.reset(static_cast<char*>(grown));
+  }
+
+  void append(const char* chunk, size_t size) {
+    if (length + size + 1 > capacity) grow(length + size + 1);
+    std::memcpy(text.get() + length, chunk, size);
+    length += size;
+    text.get()[length] = '\0';
   }
 };
 
@@ -129,13 +127,10 @@ c_string send_http_request(net_connection* connection, const char* request, size
 int connect_again(net_connection* connection, const char* host, const addrinfo* proxy_address) {
   const bool had_tls = connection->ssl != nullptr;
   conn_close(connection);
-  connection->socket = socket_connect(proxy_address);
+  connection->socket = connect_with_keepalives(proxy_address);
   if (connection->socket == -1) {
     log_error("cannot open socket for auth to proxy.");
     return -1;
-  }
-  if (set_keepalive(connection->socket) != 0) {
-    log_error("Can not set keepalive options for the socket.\n");
   }
   // Intended: the proxy's certificate has to name the broker.
   return had_tls ? ssl_connect(connection, host) : 0;
@@ -161,7 +156,7 @@ char* read_http_answer(net_connection* connection) {
   size_t expected = 0;  // length of the whole answer; 0 while unknown
   while (true) {
     char chunk[chunk_size];
-    const int count = proxy_read(connection, chunk, sizeof chunk);
+    const int count = conn_read(connection, chunk, sizeof chunk);
     if (count < 0) {
       log_error("Read, errno=%d - %s.\n", errno, std::strerror(errno));
       return nullptr;

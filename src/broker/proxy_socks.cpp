@@ -2,6 +2,7 @@
 #include "broker/packet_format.h"
 #include "broker/proxy_handshakes.h"
 #include "broker/proxy_stream.h"
+#include "broker/ssl_routine.h"
 #include "core/config.h"
 #include "core/log.h"
 #include "core/owned.h"
@@ -62,7 +63,7 @@ int resolve_target(const char* host, in_addr* address) {
 int read_reply(net_connection* connection, unsigned char* reply, size_t size) {
   size_t received = 0;
   while (received < size) {
-    const int count = proxy_read(connection, reply + received, size - received);
+    const int count = conn_read(connection, reply + received, size - received);
     if (count <= 0) break;
     received += static_cast<size_t>(count);
   }

@@ -3,13 +3,14 @@
 #include "broker/net_connection.h"
 
 #include <cstddef>
+#include <netdb.h>
 
-// Reading and writing during a proxy handshake: through the TLS session if the connection has one, otherwise on the
-// socket itself, so that a handshake's own text is all that is logged of a plain connection's failure. One attempt
-// each; the socket is a blocking one.
+// The stream under a proxy handshake.
 
-/// Bytes read, 0 when the peer closed, negative on error (errno tells which).
-[[nodiscard]] int proxy_read(net_connection* connection, void* buffer, size_t size);
+/// A connected socket to `address` with TCP keepalives, which it does without when they fail (logged), or -1
+/// (logged, errno kept). The caller owns the descriptor.
+[[nodiscard]] int connect_with_keepalives(const addrinfo* address);
 
+/// As conn_write(), but of a plain connection's failure nothing is logged: each handshake has its own text for that.
 /// Bytes written, or a negative value on error (errno tells which).
 [[nodiscard]] int proxy_write(net_connection* connection, const void* buffer, size_t size);

@@ -40,8 +40,7 @@ using gzip_file = std::unique_ptr<gzFile_s, releaser<gzclose>>;
 struct generation_names {
   char plain[4096 + 12];
   char compressed[sizeof plain + 3];
-  char part[sizeof compressed +
-            5];  // the compressed form until it is whole: the process may end at any moment
+  char part[sizeof compressed + 5];  // the compressed form while it is written: the process may end meanwhile
 
   generation_names(const char* base, int n) {
     std::snprintf(plain, sizeof plain, n == 0 ? "%s" : "%s.%d", base, n);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
@@ -18,6 +19,8 @@ struct hook_state {
   addrinfo* resolver_list = nullptr;
   int sends_left = 0;  // until the one that fails; 0: none does
   int send_result = 0;
+  size_t resolver_needs = 0;
+  size_t refused_size = 0;
 };
 thread_local constinit hook_state hooks;
 
@@ -65,14 +68,35 @@ later_send::~later_send() {
   hooks.sends_left = 0;
 }
 
-// The linker sends the agent's calls of malloc here (--wrap).
+resolver_that_needs::resolver_that_needs(size_t buffer_size) {
+  hooks.resolver_needs = buffer_size;
+}
+
+resolver_that_needs::~resolver_that_needs() {
+  hooks.resolver_needs = 0;
+}
+
+failing_allocation::failing_allocation(size_t size) {
+  hooks.refused_size = size;
+}
+
+failing_allocation::~failing_allocation() {
+  hooks.refused_size = 0;
+}
+
+// The linker sends the agent's calls of malloc and realloc here (--wrap).
 extern "C" {
 
 void* __real_malloc(size_t size);
 
 void* __wrap_malloc(size_t size) {
-  if (size == sizeof(net_connection) && fails("malloc of the connection record")) return nullptr;
-  return __real_malloc(size);
+  return hooks.refused_size != 0 && size == hooks.refused_size ? nullptr : __real_malloc(size);
+}
+
+void* __real_realloc(void* block, size_t size);
+
+void* __wrap_realloc(void* block, size_t size) {
+  return hooks.refused_size != 0 && size == hooks.refused_size ? nullptr : __real_realloc(block, size);
 }
 }
 
@@ -87,6 +111,27 @@ int getaddrinfo(const char* name, const char* service, const addrinfo* hints, ad
 
 void freeaddrinfo(addrinfo* list) noexcept {
   if (!hooks.resolver_set) real_function<decltype(freeaddrinfo)>("freeaddrinfo")(list);
+}
+
+int gethostbyname_r(const char* name, hostent* entry, char* buffer, size_t size, hostent** found,
+                    int* error) {
+  if (hooks.resolver_needs == 0) {
+    return real_function<decltype(gethostbyname_r)>("gethostbyname_r")(name, entry, buffer, size, found,
+                                                                       error);
+  }
+  *found = nullptr;
+  if (size < hooks.resolver_needs) {
+    *error = NETDB_INTERNAL;
+    return ERANGE;
+  }
+  static constinit in_addr address{};
+  static char* addresses[] = {reinterpret_cast<char*>(&address), nullptr};
+  address.s_addr = htonl(INADDR_LOOPBACK + 2);
+  entry->h_addrtype = AF_INET;
+  entry->h_length = sizeof address;
+  entry->h_addr_list = addresses;
+  *found = entry;
+  return 0;
 }
 
 ssize_t send(int fd, const void* bytes, size_t size, int flags) {

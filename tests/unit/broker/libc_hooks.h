@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <netdb.h>
 
 // Calls that this test program answers in place of the libraries, for failures that can't be had otherwise. Each
@@ -13,7 +14,23 @@ struct fake_resolver {
   fake_resolver& operator=(const fake_resolver&) = delete;
 };
 
-/// The named call fails (or, for send, gives 0): "send", "setsockopt", "malloc of the connection record", "SSL_CTX_new",
+/// gethostbyname_r() wants a buffer of at least this size, and then finds 127.0.0.3.
+struct resolver_that_needs {
+  explicit resolver_that_needs(size_t buffer_size);
+  ~resolver_that_needs();
+  resolver_that_needs(const resolver_that_needs&) = delete;
+  resolver_that_needs& operator=(const resolver_that_needs&) = delete;
+};
+
+/// The agent's own malloc() and realloc() refuse exactly this size.
+struct failing_allocation {
+  explicit failing_allocation(size_t size);
+  ~failing_allocation();
+  failing_allocation(const failing_allocation&) = delete;
+  failing_allocation& operator=(const failing_allocation&) = delete;
+};
+
+/// The named call fails (or, for send, gives 0): "send", "setsockopt", "SSL_CTX_new",
 /// "SSL_CTX_set_cipher_list", "SSL_new", "SSL_set_fd".
 struct failing_call {
   explicit failing_call(const char* name);

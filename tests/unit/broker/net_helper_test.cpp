@@ -227,3 +227,34 @@ TEST_F(NetHelper, SendAllReportsASendOfNothing) {
 TEST_F(NetHelper, NothingToSendIsSent) {
   EXPECT_EQ(send_all(-1, nullptr, 0), 0);
 }
+
+TEST(ResolveIpv4, GivesTheFirstAddress) {
+  in_addr address{};
+  int resolver_error = -1;
+  EXPECT_EQ(resolve_ipv4("127.0.0.2", &address, &resolver_error), 0);
+  EXPECT_EQ(ntohl(address.s_addr), INADDR_LOOPBACK + 1);
+  EXPECT_EQ(resolver_error, 0);
+}
+
+TEST(ResolveIpv4, AnyNumberOfAddressesFits) {
+  const resolver_that_needs resolver{size_t{20} * 1024};
+  in_addr address{};
+  int resolver_error = 0;
+  EXPECT_EQ(resolve_ipv4("many.test", &address, &resolver_error), 0);
+  EXPECT_EQ(ntohl(address.s_addr), INADDR_LOOPBACK + 2);
+}
+
+TEST(ResolveIpv4, AResolverThatNeverHasEnoughIsAFailure) {
+  const resolver_that_needs resolver{SIZE_MAX};
+  in_addr address{};
+  int resolver_error = 0;
+  EXPECT_EQ(resolve_ipv4("endless.test", &address, &resolver_error), -1);
+  EXPECT_EQ(resolver_error, NETDB_INTERNAL);
+}
+
+TEST(ResolveIpv4, AFailureSaysWhy) {
+  in_addr address{};
+  int resolver_error = 0;
+  EXPECT_EQ(resolve_ipv4("", &address, &resolver_error), -1);
+  EXPECT_NE(resolver_error, 0);
+}

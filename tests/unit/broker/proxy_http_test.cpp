@@ -24,7 +24,10 @@ const std::string basic_demanded =
 constexpr size_t mebibyte = size_t{1024} * 1024;
 
 class HttpAnswer : public ProxyHandshake {};
-class HttpProxy : public ProxyHandshake {};
+class HttpProxy : public ProxyHandshake {
+protected:
+  refusing_address refused_;  // where a second connection would go
+};
 
 std::string encoded(const std::string& text) {
   return c_string{base64_encode(text.data(), text.size())}.get();
@@ -77,6 +80,7 @@ public:
   int shake_hands(const char* host, int port) {
     const loopback_address address{listener_.port()};
     net_connection connection{socket_connect(address.info()), nullptr, nullptr};
+    lose_patience(connection.socket);
     const int result = http_proxy_connect(&connection, host, port, address.info());
     conn_close(&connection);
     return result;
@@ -137,6 +141,7 @@ TEST_F(HttpAnswer, HasAsManyBytesBehindItsHeaderAsAreAnnounced) {
       {"CONTENT-LENGTH: 10", 10},   {"content-length: 10", 0},
       {"Content-length: 10", 0},    {"Content-Length : 10", 0},
       {"Content-Length: 0", 0},     {"Content-Length: -10", 0},
+      {"Content-Length: -1000", 0}, {"Content-Length: -99999999999999999999", 0},
       {"Content-Length: ten", 0},   {"CONTENT-LENGTH: 3\r\nContent-Length: 10", 10},
       {"X-Content-Length: 10", 10},
   };
@@ -273,7 +278,7 @@ TEST_F(HttpProxy, AnyOtherAnswerIsARefusalWithoutAText) {
                              "HTTP/1.1 200 connection established\r\n\r\n"}) {
     proxy_end proxy;
     proxy.say(answer);
-    EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr), -1) << answer;
+    EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, refused_.info()), -1) << answer;
     EXPECT_THAT(log(), Not(HasSubstr("WARNING")));
   }
 }
@@ -281,7 +286,7 @@ TEST_F(HttpProxy, AnyOtherAnswerIsARefusalWithoutAText) {
 TEST_F(HttpProxy, NoAnswerIsAFailure) {
   proxy_end proxy;
   proxy.fall_silent();
-  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr), -1);
+  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, refused_.info()), -1);
   EXPECT_THAT(log(),
               AllOf(HasSubstr("WARNING: Connection closed. \n"), HasSubstr("WARNING: Cannot get answer.\n")));
   EXPECT_EQ(http_proxy_connect_with_credentials(&proxy.connection, "b.test", 443, "u", "p"), -1);
@@ -292,7 +297,7 @@ TEST_F(HttpProxy, NoAnswerIsAFailure) {
 TEST_F(HttpProxy, ARequestThatCantBeSentIsAFailure) {
   proxy_end proxy;
   proxy.leave();
-  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr), -1);
+  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, refused_.info()), -1);
   EXPECT_THAT(log(), AllOf(HasSubstr("WARNING: Cannot send request to http, errno=32 - Broken pipe.\n"),
                            HasSubstr("WARNING: Cannot get answer.\n"), Not(HasSubstr("Sending request")),
                            Not(HasSubstr("Wroted"))));
@@ -301,7 +306,7 @@ TEST_F(HttpProxy, ARequestThatCantBeSentIsAFailure) {
 TEST_F(HttpProxy, ARequestThatIsSentInPartIsAFailure) {
   proxy_end proxy;
   const later_send failing{1, 3};
-  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr), -1);
+  EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, refused_.info()), -1);
   EXPECT_THAT(log(), HasSubstr("WARNING: Cannot send request to http, errno=0 - Success.\n"));
 }
 
@@ -360,9 +365,7 @@ TEST_F(HttpProxy, WithoutCredentialsTheDemandIsNotMet) {
 
 TEST_F(HttpProxy, AProxyThatRefusesTheSecondConnectionIsAFailure) {
   give_credentials();
-  loopback_listener refusing;
-  refusing.stop();
-  const loopback_address address{refusing.port()};
+  const refusing_address address;
   proxy_end proxy;
   proxy.say(basic_demanded);
   EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 65535, address.info()), -1);
@@ -392,7 +395,7 @@ TEST_F(HttpProxy, OnlyTheFirstLineThatNamesMethodsCounts) {
   for (const auto& [methods, text] : cases) {
     proxy_end proxy;
     proxy.say(start + methods + "\r\n");
-    EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr), -1) << methods;
+    EXPECT_EQ(http_proxy_connect(&proxy.connection, "b.test", 443, refused_.info()), -1) << methods;
     EXPECT_THAT(log(), AllOf(HasSubstr("INFO: Autentification required.\n"), HasSubstr(text)));
   }
 }
@@ -403,6 +406,14 @@ TEST_F(HttpProxy, BasicMayStandBehindAnotherMethodOfTheLine) {
       {"HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Digest x, Basic y\r\n\r\n",
        connected}};
   EXPECT_EQ(proxy.shake_hands("b.test", 65535), 0);
+}
+
+TEST_F(HttpProxy, WithoutKeepalivesTheSecondConnectionIsUsedAllTheSame) {
+  give_credentials();
+  answering_proxy proxy{{basic_demanded, connected}};
+  const failing_call failing{"setsockopt"};
+  EXPECT_EQ(proxy.shake_hands("b.test", 65535), 0);
+  EXPECT_THAT(log(), HasSubstr("WARNING: Can not set keepalive options for the socket.\n"));
 }
 
 TEST_F(HttpProxy, TheSecondConnectionHasTlsWhenTheFirstHadAndKeepalives) {
@@ -438,4 +449,27 @@ TEST_F(HttpProxy, TheSecondConnectionHasTlsWhenTheFirstHadAndKeepalives) {
   }
   options.ca_file = nullptr;
   EXPECT_THAT(requests, ElementsAre(Not(HasSubstr("Proxy-Authorization")), HasSubstr("Proxy-Authorization")));
+}
+
+TEST(HttpProxyMemory, WhenARequestOrAnAnswerFindsNoneTheProcessEnds) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const agent_options saved = options;
+  options.log_level = level_debug;
+  options.console_log = true;
+  options.file_log = false;
+  proxy_end proxy;
+  proxy.say(connected);
+  EXPECT_EXIT(
+      {
+        const failing_allocation failing{2 * "b.test"s.size() + 66};
+        static_cast<void>(http_proxy_connect(&proxy.connection, "b.test", 443, nullptr));
+      },
+      testing::ExitedWithCode(1), "WARNING: malloc\\(\\)\\.");
+  EXPECT_EXIT(
+      {
+        const failing_allocation failing{connected.size() + 1};
+        read_answer(&proxy.connection);
+      },
+      testing::ExitedWithCode(1), "WARNING: realloc\\(\\)\\.");
+  options = saved;
 }

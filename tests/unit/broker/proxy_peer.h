@@ -7,6 +7,7 @@
 
 #include <initializer_list>
 #include <netdb.h>
+#include <optional>
 #include <string>
 
 // The proxy's end of a handshake, for tests: all that it will ever say is written beforehand.
@@ -30,6 +31,28 @@ private:
   addrinfo info_{};
 };
 
+/// Lets reads end some day, so that a handshake that waits for what never comes is a failed test.
+inline void lose_patience(int fd) {
+  const timeval patience{patience_ms / 1000, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+}
+
+/// An address that refuses connections.
+class refusing_address {
+public:
+  refusing_address() : bound_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)} {
+    const sockaddr_in any_port = loopback(0);
+    if (bind(bound_.get(), reinterpret_cast<const sockaddr*>(&any_port), sizeof any_port) != 0) std::abort();
+    address_.emplace(port_of(bound_.get()));
+  }
+
+  [[nodiscard]] const addrinfo* info() const { return address_->info(); }
+
+private:
+  fd_owner bound_;  // without listening: nobody else gets the port
+  std::optional<loopback_address> address_;
+};
+
 /// A connection whose other end keeps the boundaries of what is written: each piece is one read.
 class proxy_end {
 public:
@@ -37,6 +60,7 @@ public:
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
     connection = {ends[0], nullptr, nullptr};
+    lose_patience(ends[0]);
     peer_.reset(ends[1]);
   }
   ~proxy_end() {

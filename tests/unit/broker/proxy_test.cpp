@@ -223,7 +223,7 @@ TEST_F(BrokerConnection, FailedKeepalivesDoNotPreventIt) {
 TEST_F(BrokerConnection, WithoutMemoryForTheRecordItFailsAndTheProcessGoesOn) {
   const loopback_listener broker;
   {
-    const failing_call failing{"malloc of the connection record"};
+    const failing_allocation failing{sizeof(net_connection)};
     EXPECT_EQ(open_broker_connection("127.0.0.1", broker.port(), false), nullptr);
   }
   EXPECT_TRUE(ends_without_data(broker.accept_one().get()));
@@ -259,15 +259,28 @@ TEST_F(BrokerConnection, EachKindOfProxyHasItsHandshakeAndItsTextForAFailure) {
 }
 
 TEST_F(BrokerConnection, TheTenthFailedAttemptIsLikeTheFirst) {
-  for (const int type : {1, 2, 3, 4, 7}) {
+  const std::string demand =
+      "HTTP/1.1 407 Proxy Authentication Required\r\nProxy-Authenticate: Basic realm=\"x\"\r\n\r\n";
+  struct {
+    int type;
+    std::string answer;  // to the first connection of an attempt, if it is to have two
+  } const cases[] = {{1, ""}, {1, demand}, {2, ""}, {3, ""}, {4, ""}, {7, ""}};
+  for (const auto& [type, answer] : cases) {
     const loopback_listener proxy;
-    settings_file::fill(proxy_settings(type, proxy.port()));
+    auto settings = proxy_settings(type, proxy.port());
+    settings.insert({{"q_qcloud_proxy_username", "user"}, {"q_qcloud_proxy_password", "secret"}});
+    settings_file::fill(settings);
     std::string first_log;
     size_t first_descriptors = 0;
     for (int attempt = 1; attempt <= 10; ++attempt) {
       log_.restart();
-      std::thread closing{[&proxy] {
-        const fd_owner peer = proxy.accept_one();
+      std::thread closing{[&proxy, &demanding = answer] {
+        fd_owner peer = proxy.accept_one();
+        if (!demanding.empty()) {
+          read_bytes(peer.get(), 2 * std::string{"127.0.0.1"}.size() + 65);
+          send(peer.get(), demanding.data(), demanding.size(), MSG_NOSIGNAL);
+          peer = proxy.accept_one();
+        }
         read_bytes(peer.get(), 1);
       }};
       EXPECT_EQ(open_broker_connection("127.0.0.1", 443, true), nullptr);
