@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -26,19 +26,37 @@ bool set_lock(int fd, short type) {
   return fcntl(fd, F_SETLK, &whole_file) == 0;
 }
 
-// Locks the file just created and writes the process id into it. The descriptor, or -1.
-int claim_new_file(const char* path, fd_owner file) {
-  if (!set_lock(file.get(), F_WRLCK)) {
+// Locks the file and writes the process id into it; `path` is its name in the log. 0, or -1 (logged).
+int fill(const char* path, int fd) {
+  if (!set_lock(fd, F_WRLCK)) {
     log_error("fcntl() %s\n", path);
     return -1;
   }
   char text[16];
   const int length = std::snprintf(text, sizeof text, "%d\n", getpid());
-  if (write(file.get(), text, static_cast<size_t>(length)) == length) return file.release();
-
+  if (write(fd, text, static_cast<size_t>(length)) == length) return 0;
   log_error("write() %s\n", path);
-  if (unlink(path) != 0) log_error("remove_file() %s\n", path);
   return -1;
+}
+
+constexpr int not_created = -2;
+
+// The descriptor of the new file; -1 after a failure that was logged; not_created when the path is taken or the
+// folder takes no file. The file gets its name when it is locked and complete: of a starter that is killed half-way
+// no pid file without a number may stay, which would stop every later start.
+int create_pid_file(const char* path) {
+  struct stat present {};
+  if (lstat(path, &present) == 0) return not_created;
+  const std::string fresh = std::string{path} + '.' + std::to_string(getpid());
+  unlink(fresh.c_str());  // left by a process with the same id
+  fd_owner file{open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660)};
+  if (!file.valid()) return not_created;
+  const int filled = fill(path, file.get());
+  if (filled == 0 && renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path, RENAME_NOREPLACE) == 0) {
+    return file.release();
+  }
+  if (unlink(fresh.c_str()) != 0) log_error("remove_file() %s\n", path);
+  return filled == 0 ? not_created : -1;
 }
 
 // Removes the stale file behind `fd`. Of two starters that find the same one, the lock lets only one do it: the
@@ -56,7 +74,7 @@ int make_room(const char* path) {
     log_error("lock file access().\n");
     return -1;
   }
-  log_info("opened ok\n");  // Log readers match this text, although it was the exclusive open that failed.
+  log_info("opened ok\n");  // Log readers match this text, although it was the creation that failed.
   const file_ptr file{std::fopen(path, "r+e")};
   if (file == nullptr) {
     log_error("Error opening pid file for reading %d\n", errno);
@@ -92,8 +110,8 @@ int make_room(const char* path) {
 
 int lock_pid_file(const char* path) {
   for (;;) {
-    fd_owner file{open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660)};
-    if (file.valid()) return claim_new_file(path, std::move(file));
+    const int fd = create_pid_file(path);
+    if (fd != not_created) return fd;
     log_debug("open() %s\n", path);
     if (make_room(path) != 0) return -1;
   }

@@ -172,6 +172,26 @@ TEST_F(PidFileTest, ThatCantBeWrittenIsRemoved) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+TEST_F(PidFileTest, OfAStarterThatIsKilledBeforeItsNumberIsWrittenHindersNoLaterStart) {
+  const pid_t starter = start_child([&] {
+    set_limit(RLIMIT_FSIZE, 0);  // its write is its end, by SIGXFSZ
+    return lock_pid_file(path.c_str());
+  });
+  EXPECT_EQ(wait_for_child(starter), -1);
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_EQ(unlock_pid_file(path.c_str(), lock_pid_file(path.c_str())), 0);
+}
+
+TEST_F(PidFileTest, LeavesNoOtherFileBehind) {
+  std::filesystem::create_directory(path);
+  EXPECT_EQ(lock_pid_file(path.c_str()), -1);
+  std::filesystem::remove(path);
+  const int fd = lock_pid_file(path.c_str());
+  const std::filesystem::directory_iterator files{folder.path()};
+  EXPECT_EQ(std::distance(begin(files), end(files)), 1);
+  close(fd);
+}
+
 TEST_F(PidFileTest, ThatCantBeDeletedStopsTheStart) {
   if (geteuid() != 0) GTEST_SKIP() << "needs a folder of another user";
   write_text_file(path, std::to_string(dead_process()));
