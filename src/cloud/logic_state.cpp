@@ -8,6 +8,7 @@
 #include "core/sync.h"
 #include "delivery/message_sender.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -23,12 +24,16 @@ constexpr int event_registered = 2;
 constexpr int event_claimed = 3;
 constexpr int event_connected = 4;
 
+// From orvel_state_init() to finish_state_record() the record is open. A stop may come before the start: then it
+// never opens.
+enum class record_phase : uint8_t { not_started, open, over };
+
 // The one state record. The lock is held from the change to the end of its report, so that the event sink hears of
 // changes in their order, each with its own event code.
 struct state_record {
   sync_mutex lock{lock_rank::agent_state};
   AgentState agent GUARDED_BY(lock){};
-  bool open GUARDED_BY(lock) = false;  // from orvel_state_init() to finish_state_record()
+  record_phase phase GUARDED_BY(lock) = record_phase::not_started;
 };
 constinit state_record state{};
 
@@ -92,7 +97,7 @@ void save() REQUIRES(state.lock) {
 
 void set_flag(const state_flag& flag, int value) {
   const scoped_lock lock{state.lock};
-  if (!state.open || state.agent.*flag.value == value) return;
+  if (state.phase != record_phase::open || state.agent.*flag.value == value) return;
   write_extra_parameter(flag, value);
   state.agent.*flag.value = value;
   state.agent.event = flag.event;
@@ -104,19 +109,20 @@ void set_flag(const state_flag& flag, int value) {
 
 void orvel_state_init(int daemon) {
   const scoped_lock lock{state.lock};
+  if (state.phase == record_phase::over) return;
   state.agent = {.event = event_initialised,
                  .daemon = daemon,
                  .pid = getpid(),
                  .registered = static_cast<int>(config_get_uint("q_agent_registered", 0)),
                  .claimed = static_cast<int>(config_get_uint("q_agent_claimed", 0)),
                  .connected = 0};
-  state.open = true;
+  state.phase = record_phase::open;
   report();
 }
 
 void finish_state_record() {
   const scoped_lock lock{state.lock};
-  state.open = false;
+  state.phase = record_phase::over;
   config_set("q_agent_connected", "0");
   config_set("q_agent_pid", "0");
 }
@@ -140,7 +146,7 @@ int claimed_state() {
 
 void request_report() {
   const scoped_lock lock{state.lock};
-  if (!state.open) return;
+  if (state.phase != record_phase::open) return;
   state.agent.event = event_report_requested;
   report();
 }

@@ -3,11 +3,11 @@
 // The agent's state record. Each change is written to the settings store and reported as a JSON document to the
 // handler "event_sink". One lock over change, report and save: reports tell changes in their order. Any thread.
 
-/// Fills the record from the settings store and reports it. Once, at start-up.
+/// Fills the record from the settings store and reports it. Once, at start-up. Nothing after finish_state_record().
 void orvel_state_init(int daemon);
 
 /// For whoever is about to end the process on a stop: stores "not connected" and no process id, and lets no later
-/// change or report through, so that a session that comes up at that moment leaves no trace.
+/// start, change or report through, so that what start-up or the session does at that moment leaves no trace.
 void finish_state_record();
 
 /// Set a flag (0 or 1); its present value changes and reports nothing. The connected flag is not stored.

@@ -56,7 +56,7 @@ constinit signal_state signals{};
 constexpr unsigned char main_ended = 0xff;
 
 void wake_on_user_signal() {
-  first_user_signal_action(SIGUSR1);
+  first_user_signal_action(SIGUSR1);  // model: user_signal.wake
 }
 
 void report_state() {
@@ -69,17 +69,21 @@ void terminate_agent() {
   log_status("disconnected\n");
   config_set("q_agent_pid", "0");
   log_debug("received sigterm\n");
-  if (termination.pipe_ready == 0) exit_process(0);
-  termination.sigterm_received = 1;
+  if (termination.pipe_ready == 0) {  // model: terminate.at_once
+    finish_state_record();            // start-up may be about to fill it
+    exit_process(0);
+  }
+  termination.sigterm_received = 1;  // model: terminate.note
+  // model: terminate.choose
   const char command = termination.main_waiting != 0 ? control_end_thread : control_exit_process;
-  if (write(termination.control_pipe, &command, sizeof command) != sizeof command) {
+  if (write(termination.control_pipe, &command, sizeof command) != sizeof command) {  // model: terminate.tell
     log_error("write() error %d in sig term handler. Possibly process won't be terminated\n", errno);
   }
 }
 
 void pass_hangup_to_watchdog() {
   const pid_t watchdog = watchdog_pid();
-  if (watchdog > 0 && getppid() == watchdog) kill(watchdog, SIGHUP);
+  if (watchdog > 0 && getppid() == watchdog) kill(watchdog, SIGHUP);  // model: hangup.pass
 }
 
 // A signal that this process sends to one of its threads only breaks that thread's blocking call.
@@ -92,9 +96,10 @@ void note_signal(int number, siginfo_t* info, void* /*context*/) {
   const int saved_errno = errno;
   for (size_t i = 0; i < std::size(handled); ++i) {
     if (handled[i].number != number) continue;
-    signals.arrived[i] = 1;
+    signals.arrived[i] = 1;  // model: note.flag
     // A full pipe loses nothing: its reader looks at the flags afterwards.
     const auto order = static_cast<unsigned char>(i);
+    // model: note.byte
     [[maybe_unused]] const ssize_t written = write(signals.write_end, &order, sizeof order);
   }
   errno = saved_errno;
@@ -113,7 +118,7 @@ int install(int number, int flags, bool ignored) {
 }
 
 void carry_out(size_t index) {
-  if (signals.arrived[index].exchange(0) != 0) handled[index].action();
+  if (signals.arrived[index].exchange(0) != 0) handled[index].action();  // model: carry_out.take
 }
 
 int open_signal_pipe() {
@@ -129,17 +134,18 @@ void wait_for_signal() {
   sigset_t all_let_in;
   sigemptyset(&all_let_in);
   pollfd watched{signals.read_end, POLLIN, 0};
-  ppoll(&watched, 1, nullptr, &all_let_in);
+  ppoll(&watched, 1, nullptr, &all_let_in);  // model: serve.wait
 }
 
 }  // namespace
 
 int install_signal_handlers(bool under_watchdog) {
-  if (open_signal_pipe() != 0) return -1;
-  block_handled_signals();
+  if (open_signal_pipe() != 0) return -1;  // model: install.pipe
+  block_handled_signals();                 // model: install.block
   if (install(SIGPIPE, 0, true) != 0) return -1;
   for (const handled_signal& signal : handled) {
     if (signal.watchdog_only && !under_watchdog) continue;
+    // model: install.handlers, agent.handlers
     if (install(signal.number, signal.flags, false) != 0) return -1;
   }
   return 0;
@@ -149,13 +155,13 @@ void serve_signals() {
   for (;;) {
     wait_for_signal();
     unsigned char order[64];
-    const ssize_t count = read(signals.read_end, order, sizeof order);
+    const ssize_t count = read(signals.read_end, order, sizeof order);  // model: serve.read
     for (ssize_t i = 0; i < count; ++i) {
       if (order[i] == main_ended) return;
-      carry_out(order[i]);
+      carry_out(order[i]);  // model: serve.in_order
     }
     for (size_t i = 0; i < std::size(handled); ++i) {
-      carry_out(i);
+      carry_out(i);  // model: serve.flags
     }
   }
 }
@@ -175,4 +181,10 @@ void block_handled_signals() {
     sigaddset(&blocked, signal.number);
   }
   pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+}
+
+int clear_thread_signal_mask() {
+  sigset_t none;
+  sigemptyset(&none);
+  return pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }

@@ -20,6 +20,9 @@ void announce_main_end();
 /// Blocks the handled signals in the calling thread.
 void block_handled_signals();
 
+/// Lets every signal through to the calling thread. 0, or an error number.
+[[nodiscard]] int clear_thread_signal_mask();
+
 /// How far start-up is, for the SIGTERM action. Written by orvel_main, `sigterm_received` by the action.
 struct termination_state {
   std::atomic<int> pipe_ready{0};    ///< `control_pipe` can be written
