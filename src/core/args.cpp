@@ -40,9 +40,12 @@ int32_t to_number(const char* text) {
 uint32_t parse_size(const char* text) {
   constexpr uint32_t otherwise = 1048576;
   if (*text == '\0') return otherwise;
-  const int32_t number = to_number(text);
+  const size_t unit = std::strlen(text) - 1;
+  const c_string number_text{strndup(text, unit)};
+  if (number_text == nullptr) return otherwise;
+  const int32_t number = to_number(number_text.get());
   if (number <= 0) return otherwise;
-  switch (text[std::strlen(text) - 1]) {
+  switch (text[unit]) {
   case 'k':
   case 'K':
     return static_cast<uint32_t>(number) << 10;

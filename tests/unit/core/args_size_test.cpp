@@ -10,8 +10,8 @@ namespace {
 
 // Reads a valid command line with these two values.
 int parse(std::string size, std::string heartbeat, uint32_t* log_file_size) {
-  std::string words[] = {"orvel", "--hardware_id", "ABCDEFG123456", "--log_file_size", std::move(size),
-                         "--agent_heartbeat", std::move(heartbeat)};
+  std::string words[] = {"orvel",         "--hardware_id",     "ABCDEFG123456",     "--log_file_size",
+                         std::move(size), "--agent_heartbeat", std::move(heartbeat)};
   std::vector<char*> argv;
   for (std::string& word : words) {
     argv.push_back(word.data());
