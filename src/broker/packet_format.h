@@ -47,6 +47,21 @@ inline uint16_t get_u16(const unsigned char* bytes) {
   return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
+/// Converts between host and network byte order, in either direction. Any thread.
+[[nodiscard]] uint64_t host_to_net64(uint64_t value);
+
+inline unsigned char* put_u64(unsigned char* bytes, uint64_t value) {
+  const uint64_t network = host_to_net64(value);
+  std::memcpy(bytes, &network, sizeof network);
+  return bytes + sizeof network;
+}
+
+inline uint64_t get_u64(const unsigned char* bytes) {
+  uint64_t network = 0;
+  std::memcpy(&network, bytes, sizeof network);
+  return host_to_net64(network);
+}
+
 /// Copies `size` bytes to `bytes`; the position behind them.
 inline unsigned char* put_bytes(unsigned char* bytes, const void* source, size_t size) {
   if (size != 0) std::memcpy(bytes, source, size);

@@ -41,12 +41,12 @@ void allow_stop_signal() {
 
 void* qbroker_connection_thread(void* settings) {
   log_debug("enter qbroker_connection_thread\n");
-  allow_stop_signal();
-  wait_only_while(&keep_connection);
+  allow_stop_signal();                // model: thread.let_signal_in
+  wait_only_while(&keep_connection);  // model: thread.tie_waits
   qbroker_connect(static_cast<AgentSettings*>(settings));
   log_debug("exiting qbroker_connection_thread\n");
   const scoped_lock lock{session.end_lock};
-  session.ended = true;
+  session.ended = true;  // model: thread.end
   session.end_reached.signal();
   return nullptr;
 }
@@ -64,23 +64,24 @@ timespec next_break() {
 
 // Gets the thread out of whatever it waits for: sleeps and HTTP waits by their conditions, system calls by a signal.
 void join_broker_thread(pthread_t thread) {
-  wake_sleepers();
-  wake_http_waiters();
+  wake_sleepers();      // model: stop.wake_sleepers
+  wake_http_waiters();  // model: stop.wake_http
   {
     const scoped_lock lock{session.end_lock};
-    while (!session.ended) {
-      pthread_kill(thread, SIGUSR1);
-      session.end_reached.wait_until(session.end_lock, next_break());
+    while (!session.ended) {                                           // model: stop.look
+      pthread_kill(thread, SIGUSR1);                                   // model: stop.signal
+      session.end_reached.wait_until(session.end_lock, next_break());  // model: stop.wait
     }
   }
-  pthread_join(thread, nullptr);
+  pthread_join(thread, nullptr);  // model: stop.join
 }
 
 int create_broker_thread(AgentSettings* settings) REQUIRES(session.lock) {
   {
     const scoped_lock lock{session.end_lock};
-    session.ended = false;
+    session.ended = false;  // model: start.clear_end
   }
+  // model: start.create
   const int error = pthread_create(&session.thread, nullptr, qbroker_connection_thread, settings);
   if (error != 0) {
     log_error("Failed to create qbroker thread ret=%d.\n", error);
@@ -93,12 +94,12 @@ int create_broker_thread(AgentSettings* settings) REQUIRES(session.lock) {
 }  // namespace
 
 int start_broker_thread(AgentSettings* settings) {
-  const scoped_lock lock{session.lock};
-  if (session.has_thread) {
+  const scoped_lock lock{session.lock};  // model: start.lock
+  if (session.has_thread) {              // model: start.test
     log_warning("qbroker thread already started.\n");
     return -1;
   }
-  keep_connection = 1;
+  keep_connection = 1;  // model: start.keep
   log_debug("starting qbroker thread.\n");
   if (create_broker_thread(settings) != 0) {
     keep_connection = 0;
@@ -109,12 +110,12 @@ int start_broker_thread(AgentSettings* settings) {
 }
 
 int stop_broker_thread() {
-  const scoped_lock lock{session.lock};
-  keep_connection = 0;
+  const scoped_lock lock{session.lock};  // model: stop.lock
+  keep_connection = 0;                   // model: stop.clear
   log_debug("stoping qbroker thread.\n");
-  if (session.has_thread) {
+  if (session.has_thread) {  // model: stop.test
     join_broker_thread(session.thread);
-    session.has_thread = false;
+    session.has_thread = false;  // model: stop.forget
   } else {
     log_warning("Trying to stop stopped/uncreated qbroker thread.\n");
   }

@@ -65,7 +65,7 @@ struct broker_session {
 void wait_as_advised(int period) {
   if (period < 1) {
     log_debug("'wait forever' command received from adviser. Sleeping forever.\n");
-    sleep_forever_interruptable();
+    sleep_forever_interruptable();  // model: session.wait_forever
     return;
   }
   log_debug("Wait command received from adviser. Sleeping for %d secs.\n", period);
@@ -84,7 +84,7 @@ int ask_for_address(AgentSettings* settings, broker_address* address) {
   log_debug("Making advisor request for qbroker address.\n");
   AdvisorReply reply{};
   if (ask_advisor(settings, &reply) != 0) {
-    sleep_for(static_cast<int>(settings->advisor_delay));
+    sleep_for(static_cast<int>(settings->advisor_delay));  // model: session.ask_later
     return -1;
   }
   if (reply.action == advisor_wait) wait_as_advised(reply.period);
@@ -194,8 +194,8 @@ int beat_if_due(broker_session* session, heartbeat_timer* timer) {
 session_end serve_connection(broker_session* session) {
   heartbeat_timer timer = start_heartbeat_timer(session->settings->agent_heartbeat);
   pollfd watched[] = {{session->connection->socket, POLLIN, 0}, {session->command_read_end, POLLIN, 0}};
-  while (keep_connection != 0) {
-    if (poll(watched, std::size(watched), wait_limit(timer)) < 0) {
+  while (keep_connection != 0) {                                     // model: session.still
+    if (poll(watched, std::size(watched), wait_limit(timer)) < 0) {  // model: session.poll
       if (errno == EINTR) continue;
       log_error("select error %d.\n", errno);
       return session_end::failed;
@@ -226,32 +226,27 @@ session_end run_session(broker_session* session, const broker_address& address) 
 
 // --- one connection
 
-struct command_pipe {
-  fd_owner read_end;
-  fd_owner write_end;
-};
-
 // Without a pipe the session runs all the same, out of reach for commands.
-command_pipe open_command_pipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
+pipe_ends open_command_pipe() {
+  pipe_ends pipe = make_pipe(O_CLOEXEC);
+  if (!pipe.valid()) {
     log_debug("%s:%s:%d: error %d\n", log_source, "qbroker_connect", __LINE__, errno);
-    return {};
+    return pipe;
   }
-  command_pipe pipe{fd_owner{ends[0]}, fd_owner{ends[1]}};
-  fcntl(ends[1], F_SETFL, O_NONBLOCK);
-  publish_command_pipe(ends[1]);
+  fcntl(pipe.write_end.get(), F_SETFL, O_NONBLOCK);
+  publish_command_pipe(pipe.write_end.get());
   return pipe;
 }
 
 session_end connect_and_serve(AgentSettings* settings, const broker_address& address) {
   const auto use_ssl = static_cast<int>(config_get_uint("q_broker_ssl", 1));
   log_info("qbroker_host=%s, qbroker_port=%d, using ssl=%d\n", address.host, address.port, use_ssl);
+  // model: session.connect
   const net_connection_ptr connection = open_broker_connection(address.host, address.port, use_ssl != 0);
   if (!connection) return session_end::over;
 
   log_debug("Connected to qbroker.\n");
-  const command_pipe pipe = open_command_pipe();
+  const pipe_ends pipe = open_command_pipe();
   broker_session session{settings, connection.get(), pipe.read_end.get(), nullptr};
   const session_end end = run_session(&session, address);
 
@@ -265,9 +260,9 @@ session_end connect_and_serve(AgentSettings* settings, const broker_address& add
 }  // namespace
 
 void qbroker_connect(AgentSettings* settings) {
-  while (keep_connection != 0) {
+  while (keep_connection != 0) {  // model: session.test
     broker_address address{};
-    if (ask_for_address(settings, &address) != 0) continue;
+    if (ask_for_address(settings, &address) != 0) continue;  // model: session.ask
 
     const session_end end = connect_and_serve(settings, address);
     log_debug("keep_connection=%d, success=%d.\n", keep_connection.load(),
@@ -278,7 +273,7 @@ void qbroker_connect(AgentSettings* settings) {
     const uint32_t delay = end == session_end::closed ? 0 : settings->qbroker_delay;
     if (delay != 0) {
       log_error("Connection to qbroker was closed. Sleeping for %d secs.\n", static_cast<int>(delay));
-      sleep_for(static_cast<int>(delay));
+      sleep_for(static_cast<int>(delay));  // model: session.delay
     }
   }
   log_debug("exiting msg_processor thread.\n");

@@ -59,9 +59,9 @@ int watch_period(AgentSettings* settings) REQUIRES(discovery.lock) {
 void* discovery_thread(void* argument) {
   auto* settings = static_cast<AgentSettings*>(argument);
   {
-    const scoped_lock lock{discovery.lock};
+    const scoped_lock lock{discovery.lock};  // model: period.lock
     const int claimed = watch_period(settings);
-    if (claimed == 0) stop_broker_thread_unless_forced();
+    if (claimed == 0) stop_broker_thread_unless_forced();  // model: period.stop
     discovery.deadline = 0;
   }
   log_debug("discovery thread ended.\n");

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <curl/curl.h>
+#include <utility>
 
 namespace {
 
@@ -60,17 +61,18 @@ bool may_go_on() {
 class request_turn {
 public:
   request_turn() {
-    const scoped_lock lock{state.turn_lock};
-    while (state.turn_taken && may_go_on()) {
-      state.turn_changed.wait(state.turn_lock);
+    const scoped_lock lock{state.turn_lock};     // model: turn.lock
+    while (state.turn_taken && may_go_on()) {    // model: turn.test
+      state.turn_changed.wait(state.turn_lock);  // model: turn.wait
     }
-    held_ = !state.turn_taken && may_go_on();
+    held_ = !state.turn_taken && may_go_on();  // model: turn.take
     if (held_) state.turn_taken = true;
   }
   ~request_turn() {
     if (!held_) return;
     const scoped_lock lock{state.turn_lock};
-    state.turn_taken = false;
+    state.turn_taken = false;  // model: turn.give
+    // model: turn.broadcast
     state.turn_changed.broadcast();  // to all: the one that a signal would wake may be one that is to stop
   }
   request_turn(const request_turn&) = delete;
@@ -180,24 +182,34 @@ curl_ptr configured_handle(const AgentSettings& settings, HttpBuffer* headers, H
   return handle;
 }
 
+// Not for a thread that is refused while paused: between two tests of the flag a resume and the next pause may come.
 void wait_at_pause_gate() {
-  while (state.paused != 0 && may_go_on()) {
+  if (refuses_while_paused) return;                 // model: gate.refuse
+  while (state.paused != 0 && thread_may_wait()) {  // model: gate.look, gate.may_wait
     log_debug("Pause http request until we allow to do it\n");
     wait_for_wakeup(&state.paused);
   }
 }
 
-/// The handle of a request that may be made now; null when there is none. It waits at the pause gate in any case.
-curl_ptr create_handle(const AgentSettings& settings, HttpBuffer* headers, HttpBuffer* reply) {
-  curl_ptr curl = configured_handle(settings, headers, reply);
-  wait_at_pause_gate();
-  return curl;
-}
+/// What each request begins with: the turn, a handle, and the wait at the pause gate, also when there is no handle.
+/// The turn is held to the end of the scope.
+struct opened_request {
+  opened_request(const char* url, const AgentSettings& settings, HttpBuffer* headers, HttpBuffer* reply) {
+    if (!turn.held()) return;
+    curl_ptr configured = configured_handle(settings, headers, reply);
+    wait_at_pause_gate();
+    if (!may_go_on()) return;  // model: request.test
+    handle = std::move(configured);
+    may_be_made = true;
+    if (handle != nullptr) return;
+    log_error("curl initialization error.\n");
+    log_status("curl initialization error. url='%s'\n", url);
+  }
 
-void report_missing_handle(const char* url) {
-  log_error("curl initialization error.\n");
-  log_status("curl initialization error. url='%s'\n", url);
-}
+  request_turn turn;
+  curl_ptr handle;           ///< null when the request can't be made
+  bool may_be_made = false;  ///< false: held back, or the thread is to stop
+};
 
 void add_header_line(curl_list_ptr& list, const char* line) {
   curl_slist* grown = curl_slist_append(list.get(), line);
@@ -246,15 +258,10 @@ void http_buffer_free(HttpBuffer* buffer) {
 
 int http_post_json(const char* url, AgentSettings* settings, const char* body, long* status,
                    HttpBuffer* headers, HttpBuffer* reply) {
-  const request_turn turn;
-  if (!turn.held()) return unmade_post();
-  const curl_ptr handle = create_handle(*settings, headers, reply);
-  CURL* curl = handle.get();
-  if (!may_go_on()) return unmade_post();
-  if (curl == nullptr) {
-    report_missing_handle(url);
-    return http_post_failed;
-  }
+  const opened_request request{url, *settings, headers, reply};
+  if (!request.may_be_made) return unmade_post();
+  CURL* curl = request.handle.get();
+  if (curl == nullptr) return http_post_failed;
 
   curl_easy_setopt(curl, CURLOPT_URL, url);
   curl_list_ptr lines;
@@ -277,15 +284,9 @@ int http_post_json(const char* url, AgentSettings* settings, const char* body, l
 
 int http_get_with_header(const char* url, AgentSettings* settings, const char* extra_header, long* status,
                          HttpBuffer* headers, HttpBuffer* reply) {
-  const request_turn turn;
-  if (!turn.held()) return -1;
-  const curl_ptr handle = create_handle(*settings, headers, reply);
-  CURL* curl = handle.get();
-  if (!may_go_on()) return -1;
-  if (curl == nullptr) {
-    report_missing_handle(url);
-    return -1;
-  }
+  const opened_request request{url, *settings, headers, reply};
+  CURL* curl = request.handle.get();
+  if (curl == nullptr) return -1;
 
   log_debug("Setup URL for CURL handle.\n");
   curl_easy_setopt(curl, CURLOPT_URL, url);
@@ -317,13 +318,13 @@ int http_get(const char* url, AgentSettings* settings, long* status, HttpBuffer*
 }
 
 void pause_http_requests() {
-  state.paused = 1;
-  wake_http_waiters();
+  state.paused = 1;     // model: pause.set
+  wake_http_waiters();  // model: pause.wake_http
 }
 
 void resume_http_requests() {
-  state.paused = 0;
-  wake_sleepers();
+  state.paused = 0;  // model: resume.clear
+  wake_sleepers();   // model: resume.wake_sleepers
 }
 
 void refuse_requests_while_paused() {
@@ -335,6 +336,6 @@ int http_requests_paused() {
 }
 
 void wake_http_waiters() {
-  const scoped_lock lock{state.turn_lock};
-  state.turn_changed.broadcast();
+  const scoped_lock lock{state.turn_lock};  // model: wake_http.lock
+  state.turn_changed.broadcast();           // model: wake_http.broadcast
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cloud/logic_error_headers.h"
 #include "core/agent_settings.h"
 
 // Enrolment: registration, claim check, discovery and advisor, over the HTTPS client. Any thread unless said
@@ -24,10 +25,8 @@ void reload_identity(AgentSettings* settings);
 /// Stores agent id and claim code. 0, or -1 when one is missing.
 int save_identity(AgentSettings* settings);
 
-constexpr int register_wrong_serial = -2;
-
-/// Registers the device; its identity goes into `settings`. 0, -2 for a rejected serial number, -1 for any other
-/// failure (logged).
+/// Registers the device; its identity goes into `settings`. 0, register_wrong_serial for a rejected serial number,
+/// -1 for any other failure (logged).
 [[nodiscard]] int register_device(AgentSettings* settings);
 
 /// 1 claimed, 0 not claimed, -1 failure (logged).

@@ -7,6 +7,7 @@
 void init_locks();
 void clean_locks();
 
-/// Locks the mutex of `lock_number` when bit 1 of `mode` is set, unlocks it otherwise.
+/// The callbacks, for such a library to call. Locks the mutex of `lock_number` when bit 1 of `mode` is set, unlocks it
+/// otherwise.
 void tls_locking_callback(int mode, int lock_number, const char* file, int line);
 unsigned long tls_thread_id_callback();

@@ -1,19 +1,13 @@
 #include "control/control_listener.h"
 
-#include "cloud/http_helper.h"
-#include "cloud/logic.h"
 #include "cloud/logic_state.h"
-#include "control/control_listener_command.h"
-#include "core/config.h"
 #include "core/exit_process.h"
 #include "core/log.h"
 #include "core/options.h"
 #include "core/owned.h"
-#include "delivery/message_sender.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -33,70 +27,12 @@ constexpr size_t chunk_size = 256;
 // No command comes near this. A client that sends more is read no further, and what came so far is its request.
 constexpr size_t request_limit = size_t{4} << 20;
 
-constexpr int malformed_request = -1;
-
-// Written before the threads that read it start. `own_name` is read from the settings store by whoever asks first.
+// Written before the thread that reads it starts.
 struct listener_state {
   AgentSettings* settings = nullptr;
   int pipe_read_end = -1;
-  std::atomic<char*> own_name{nullptr};
 };
 constinit listener_state listener{};
-
-// --- the commands
-
-int send_discovery(const ControlRequest* request, AgentSettings* settings) {
-  if (use_discovery() != 0) return command_send_discovery(settings, &request->discovery);
-  log_warning("Discovery is disabled.");
-  return 0;
-}
-
-int on_claim(const ControlRequest* request, AgentSettings* settings) {
-  return command_on_claim(settings, request->flag.flag, request->flag.service_id);
-}
-
-int on_release(const ControlRequest* request, AgentSettings* settings) {
-  return command_on_release(settings, request->flag.flag, request->flag.service_id);
-}
-
-int resume_connections(const ControlRequest* request, AgentSettings* settings) {
-  return command_resume_connections(settings, request->carrier_id);
-}
-
-int pause_connections(const ControlRequest* /*request*/, AgentSettings* /*settings*/) {
-  return command_pause_connections();
-}
-
-int on_fernhollow(const ControlRequest* request, AgentSettings* settings) {
-  return command_on_fernhollow(settings, request->flag.flag, request->flag.service_id);
-}
-
-struct command_entry {
-  int type;
-  int (*execute)(const ControlRequest* request, AgentSettings* settings);
-};
-constexpr command_entry commands[] = {
-    {request_send_discovery, send_discovery},
-    {request_on_claim, on_claim},
-    {request_on_release, on_release},
-    {request_resume_connections, resume_connections},
-    {request_pause_connections, pause_connections},
-    {request_on_fernhollow, on_fernhollow},
-};
-
-int execute_text(const char* text, AgentSettings* settings) {
-  // This thread is the way on which a resume comes: it must never wait for one.
-  refuse_requests_while_paused();
-  ControlRequest request{};
-  int result = malformed_request;
-  if (parse_control_request(text, &request) == -1) {
-    log_error("Cannot parse incoming request.\n");
-  } else {
-    result = execute_request(&request, settings);
-  }
-  free_control_request(&request);
-  return result;
-}
 
 // --- one client
 
@@ -141,7 +77,7 @@ void serve_client(int client) {
   const c_string received = read_request(client);
   const char* text = received ? received.get() : "";
   log_debug("Received message %s.\n", text);
-  const int result = execute_text(text, listener.settings);
+  const int result = execute_request_text(text, listener.settings);
   log_debug("Command execution result is %d\n", result);
   reply(client, result);
 }
@@ -217,13 +153,13 @@ void* listener_thread(void* /*argument*/) {
   log_debug("start control listener thread.\n");
   const int listening = open_listening_socket();
   if (listening < 0) return nullptr;
-  const char command = serve_until_told(listening);
+  const char command = serve_until_told(listening);  // model: listener.told
   close(listening);
   log_debug("end control listener thread.\n");
   if (command == control_exit_process) {
     log_info("received command from orvel thread to call exit()");
     finish_state_record();
-    exit_process(0);
+    exit_process(0);  // model: listener.exit
   }
   return nullptr;
 }
@@ -236,40 +172,4 @@ pthread_t start_control_listener(AgentSettings* settings, int pipe_read_end) {
   pthread_t thread = 0;
   if (pthread_create(&thread, nullptr, listener_thread, nullptr) != 0) return 0;
   return thread;
-}
-
-int execute_request(const ControlRequest* request, AgentSettings* settings) {
-  for (const command_entry& command : commands) {
-    if (command.type == request->type) return command.execute(request, settings);
-  }
-  log_warning("Cannot execute request with unknown type %d.\n", request->type);
-  return 0;
-}
-
-int handle_incoming_request(const void* data, uint32_t length, AgentSettings* settings) {
-  const c_string text{
-      static_cast<char*>(must_allocate(static_cast<size_t>(length) + 1, ALLOCATION("malloc().", -1)))};
-  const size_t held = data != nullptr ? length : 0;
-  if (held != 0) std::memcpy(text.get(), data, held);
-  text.get()[held] = '\0';
-  return execute_text(text.get(), settings);
-}
-
-const char* agent_handler_name() {
-  if (const char* known = listener.own_name) return known;
-  char* name = config_get_copy("q_agent_handler_name");
-  if (name == nullptr) return nullptr;
-  // Two threads may have read it at once: the first one's copy stays.
-  char* first = nullptr;
-  if (listener.own_name.compare_exchange_strong(first, name)) return name;
-  std::free(name);
-  return first;
-}
-
-void serve_local_requests(AgentSettings* settings) {
-  listener.settings = settings;
-  set_local_requests(
-      {.own_handler_name = agent_handler_name, .execute = [](const void* data, uint32_t length) {
-         return handle_incoming_request(data, length, listener.settings);
-       }});
 }

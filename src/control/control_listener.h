@@ -19,6 +19,10 @@ constexpr char control_end_thread = 's';
 /// Carries out a parsed request; the result code that the client gets.
 int execute_request(const ControlRequest* request, AgentSettings* settings);
 
+/// Parses and executes the text of a request; the result code that the client gets, -1 when it doesn't parse. From now
+/// on the calling thread's HTTP requests fail while requests are held back: it is the way on which a resume comes.
+int execute_request_text(const char* text, AgentSettings* settings);
+
 /// Parses and executes a broker message to the agent itself (any bytes, need not be terminated; data may be null).
 /// The result code, -1 when it doesn't parse.
 int handle_incoming_request(const void* data, uint32_t length, AgentSettings* settings);

@@ -21,7 +21,7 @@ constexpr char log_source[] = "control_listener_command";
 constinit sync_mutex connections_lock{lock_rank::connections};
 
 void start_session_if_stopped(AgentSettings* settings) {
-  if (keep_connection == 0) start_broker_thread(settings);
+  if (keep_connection == 0) start_broker_thread(settings);  // model: claim_command.start
 }
 
 // Whether the device's state asks for a session, after a pause has stopped it.
@@ -84,7 +84,7 @@ int command_on_release(AgentSettings* settings, int claimed, const char* service
   log_debug("On release! Claimed? %d, service id is %s\n", claimed, service_id);
   if (claimed == 0) {
     const release_outcome outcome = release_device(settings, service_id);
-    if (outcome == release_outcome::would_block) return command_would_block;
+    if (outcome == release_outcome::would_block) return http_would_block;
     if (outcome == release_outcome::no_memory) return 0;
   }
   if (claimed == 1 && keep_connection == 0) {
@@ -106,24 +106,26 @@ int command_send_discovery(AgentSettings* settings, const DiscoveryParams* param
   const bool registered = identity.agent_id != nullptr && identity.agent_id[0] != '\0';
   release_identity(&identity);
   if (!registered) return -1;
-  if (http_requests_paused() != 0) return command_would_block;
+  if (http_requests_paused() != 0) return http_would_block;
   if (params->carrier_id != nullptr) store_carrier_id(settings, params->carrier_id);
   return push_discovery(params, settings);
 }
 
 int command_resume_connections(AgentSettings* settings, const char* carrier_id) {
-  const scoped_lock lock{connections_lock};
+  const scoped_lock lock{connections_lock};  // model: resume_command.lock
   log_debug("Starting connections.\n");
   if (carrier_id != nullptr) store_carrier_id(settings, carrier_id);
-  resume_http_requests();
-  if (session_wanted()) start_broker_thread(settings);
+  resume_http_requests();                               // model: resume_command.resume
+  if (session_wanted()) start_broker_thread(settings);  // model: resume_command.start
   return 0;
 }
 
 int command_pause_connections() {
-  const scoped_lock lock{connections_lock};
+  const scoped_lock lock{connections_lock};  // model: pause_command.lock
   log_debug("Stop connections.\n");
-  stop_broker_thread();
-  pause_http_requests();
+  stop_broker_thread();   // model: pause_command.stop
+  pause_http_requests();  // model: pause_command.pause
+  // A claim or a discovery push in another thread may have started one that is past the pause gate already.
+  if (keep_connection == 1) stop_broker_thread();  // model: pause_command.stop_again
   return 0;
 }

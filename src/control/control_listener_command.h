@@ -2,9 +2,8 @@
 
 #include "core/agent_settings.h"
 
-// What each control request does. Each returns the result code that the client gets.
-
-constexpr int command_would_block = -10;  ///< requests are paused: a discovery push would wait
+// What each control request does. Each returns the result code that the client gets: http_would_block (-10) when
+// requests are paused, so that a discovery push would wait.
 
 /// The cloud says that the device was claimed: the session is started if need be, and claimed is recorded as 1
 /// whatever `claimed` says.

@@ -54,10 +54,10 @@ void sleep_for(int seconds) {
   }
   const timespec deadline = deadline_after(now, duration);
 
-  const scoped_lock lock{gate.lock};
-  const uint32_t seen = gate.wakeups;
-  while (gate.wakeups == seen && thread_may_wait()) {
-    const int error = gate.changed.wait_until(gate.lock, deadline);
+  const scoped_lock lock{gate.lock};                                 // model: sleep.lock
+  const uint32_t seen = gate.wakeups;                                // model: sleep.look
+  while (gate.wakeups == seen && thread_may_wait()) {                // model: sleep.test
+    const int error = gate.changed.wait_until(gate.lock, deadline);  // model: sleep.wait
     if (error == 0) continue;
     if (error != ETIMEDOUT) log_debug("pthread_cond_timedwait failed with error %d\n", error);
     break;
@@ -66,10 +66,11 @@ void sleep_for(int seconds) {
 }
 
 void wait_for_wakeup(const std::atomic<int>* reason) {
-  const scoped_lock lock{gate.lock};
-  const uint32_t seen = gate.wakeups;
+  const scoped_lock lock{gate.lock};   // model: gate.lock
+  const uint32_t seen = gate.wakeups;  // model: gate.count
+  // model: gate.test
   while (gate.wakeups == seen && thread_may_wait() && (reason == nullptr || reason->load() != 0)) {
-    const int error = gate.changed.wait(gate.lock);
+    const int error = gate.changed.wait(gate.lock);  // model: gate.wait
     if (error == 0) continue;
     if (error != ETIMEDOUT) log_warning("pthread_cond_wait failed with error %d\n", error);
     break;
@@ -77,16 +78,16 @@ void wait_for_wakeup(const std::atomic<int>* reason) {
 }
 
 void wake_sleepers() {
-  const scoped_lock lock{gate.lock};
-  ++gate.wakeups;
-  gate.changed.broadcast();
+  const scoped_lock lock{gate.lock};  // model: wake.lock
+  ++gate.wakeups;                     // model: wake.count
+  gate.changed.broadcast();           // model: wake.broadcast
 }
 
 void interrupt_sleepers() {
-  const scoped_lock lock{gate.lock};
+  const scoped_lock lock{gate.lock};  // model: interrupt.lock
   ++gate.wakeups;
-  ++gate.interruptions;
-  gate.changed.broadcast();
+  ++gate.interruptions;      // model: interrupt.count
+  gate.changed.broadcast();  // model: interrupt.broadcast
 }
 
 void sleep_forever() {

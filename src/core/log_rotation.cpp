@@ -45,7 +45,7 @@ struct generation_names {
   generation_names(const char* base, int n) {
     std::snprintf(plain, sizeof plain, n == 0 ? "%s" : "%s.%d", base, n);
     std::snprintf(compressed, sizeof compressed, "%s.%d.gz", base, n);
-    std::snprintf(part, sizeof part, "%s.part", compressed);
+    std::snprintf(part, sizeof part, "%s.gz.part", plain);
   }
 };
 

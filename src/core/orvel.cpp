@@ -15,6 +15,7 @@
 #include "core/log.h"
 #include "core/orvel_registration.h"
 #include "core/orvel_signals.h"
+#include "core/orvel_text.h"
 #include "core/owned.h"
 #include "core/version.h"
 #include "core/watchdog.h"
@@ -22,13 +23,10 @@
 #include "usi.h"
 
 #include <cerrno>
-#include <csignal>
-#include <cstring>
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <openssl/ssl.h>
 #include <pthread.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -92,22 +90,17 @@ DiscoveryParams make_discovery_params(AgentSettings* settings) {
   return params;
 }
 
-struct control_pipe {
-  fd_owner read_end;
-  fd_owner write_end;
-};
-
 // Without a pipe there is no control listener, and the agent can't be told to stop.
-control_pipe open_control_pipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
+pipe_ends open_control_pipe() {
+  pipe_ends pipe = make_pipe(O_CLOEXEC);
+  if (!pipe.valid()) {
     log_error("Cannot create pipe: errno %d.\n", errno);
-    return {};
+    return pipe;
   }
-  fcntl(ends[1], F_SETFL, O_NONBLOCK);
-  termination.control_pipe = ends[1];
-  termination.pipe_ready = 1;
-  return {fd_owner{ends[0]}, fd_owner{ends[1]}};
+  fcntl(pipe.write_end.get(), F_SETFL, O_NONBLOCK);
+  termination.control_pipe = pipe.write_end.get();  // model: main.pipe
+  termination.pipe_ready = 1;                       // model: main.ready
+  return pipe;
 }
 
 // Discovery may have been switched on since the request was made without a service: then there is none to push.
@@ -134,20 +127,20 @@ void decide_connection(AgentSettings* settings, const DiscoveryParams* params, i
 // Waits until a stop has ended the control listener, then ends the process. Without a stop there is nothing left to
 // wait for, and the other threads go on.
 void wait_for_end(pthread_t listener, const char* pid_file, int pid_fd) {
-  termination.main_waiting = 1;
-  if (listener != 0) pthread_join(listener, nullptr);
-  if (termination.sigterm_received != 0) {
+  termination.main_waiting = 1;                        // model: main.wait
+  if (listener != 0) pthread_join(listener, nullptr);  // model: main.join
+  if (termination.sigterm_received != 0) {             // model: main.exit
     log_debug("Exit because sigterm was received.\n");
     finish_state_record();
     unlock_pid_file(pid_file, pid_fd);
     exit_process(0);
   }
   log_info("sleeping forever.\n");
-  sleep_forever();
+  sleep_forever();  // model: main.sleep
 }
 
 // Start-up backwards. The agent ends by exit_process() today; this is the order for a caller that wants to go on.
-void shut_down(control_pipe* pipe, DiscoveryParams* params, const char* pid_file, int pid_fd) {
+void shut_down(pipe_ends* pipe, DiscoveryParams* params, const char* pid_file, int pid_fd) {
   pipe->read_end.reset();
   pipe->write_end.reset();
   clean_shared_curl();
@@ -252,7 +245,8 @@ void orvel_main(AgentSettings* settings) {
   const uint32_t aggressive_period = config_get_uint("q_register_aggressive_time", default_aggressive_time);
   // Before a client can ask for anything, so that none of its requests gets through or is undone.
   if (settings->start_paused) pause_http_requests();
-  control_pipe pipe = open_control_pipe();
+  pipe_ends pipe = open_control_pipe();
+  // model: main.listener
   const pthread_t listener =
       pipe.read_end.valid() ? start_control_listener(settings, pipe.read_end.get()) : pthread_t{0};
   if (settings->start_paused) stop_broker_thread();
@@ -265,33 +259,4 @@ void orvel_main(AgentSettings* settings) {
 
   wait_for_end(listener, settings->pid_file, pid_fd);
   shut_down(&pipe, &params, settings->pid_file, pid_fd);
-}
-
-void str_append(char** dst, const char* piece) {
-  const size_t held = *dst != nullptr ? std::strlen(*dst) : 0;
-  const size_t added = std::strlen(piece);
-  if (held + added == 0) return;
-  auto* grown = static_cast<char*>(std::realloc(*dst, held + added + 1));
-  if (grown == nullptr) return;
-  std::memcpy(grown + held, piece, added + 1);
-  *dst = grown;
-}
-
-char* resolve_link(const char* path) {
-  struct stat link {};
-  if (lstat(path, &link) != 0) return nullptr;
-  const auto size = static_cast<size_t>(link.st_size);
-  c_string target{static_cast<char*>(std::malloc(size + 1))};
-  if (!target) return nullptr;
-  const ssize_t length = readlink(path, target.get(), size + 1);
-  if (length < 0 || static_cast<size_t>(length) > size) return nullptr;
-  // A link that shrank since it was looked at ends where it ends now.
-  target.get()[length] = '\0';
-  return target.release();
-}
-
-int clear_thread_signal_mask() {
-  sigset_t none;
-  sigemptyset(&none);
-  return pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }

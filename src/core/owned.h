@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <unistd.h>
 #include <utility>
@@ -42,6 +43,21 @@ public:
 private:
   int fd_ = -1;
 };
+
+/// The two ends of a pipe, or of none.
+struct pipe_ends {
+  fd_owner read_end;
+  fd_owner write_end;
+
+  [[nodiscard]] bool valid() const { return read_end.valid() && write_end.valid(); }
+};
+
+/// A new pipe with the flags of pipe2(2); none, and errno, when it can't be made.
+[[nodiscard]] inline pipe_ends make_pipe(int flags) {
+  int ends[2];
+  if (::pipe2(ends, flags) != 0) return {};
+  return {fd_owner{ends[0]}, fd_owner{ends[1]}};
+}
 
 /// Frees a record's string and sets it to null.
 inline void release_string(char*& text) {

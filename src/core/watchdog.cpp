@@ -41,13 +41,13 @@ sigset_t watched_set() {
 
 void take_over_signals() {
   const sigset_t set = watched_set();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);  // model: takeover.block
   std::signal(SIGPIPE, SIG_IGN);
   for (const watched_signal& watched : watched_signals) {
     struct sigaction action {};
     action.sa_handler = unused_handler;
     action.sa_flags = watched.flags;
-    sigaction(watched.number, &action, nullptr);
+    sigaction(watched.number, &action, nullptr);  // model: takeover.handlers
   }
 }
 
@@ -55,17 +55,17 @@ void take_over_signals() {
 void restore_signals() {
   std::signal(SIGPIPE, SIG_DFL);
   for (const watched_signal& watched : watched_signals) {
-    std::signal(watched.number, SIG_DFL);
+    std::signal(watched.number, SIG_DFL);  // model: child.defaults
   }
   sigset_t none;
   sigemptyset(&none);
-  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);  // model: child.unblock
 }
 
 // The id of a new child that runs the agent.
 pid_t start_agent(void (*run_agent)(AgentSettings*), AgentSettings* settings) {
   const pid_t watchdog = getpid();
-  const pid_t child = fork();
+  const pid_t child = fork();  // model: start_agent.fork
   if (child == -1) {
     log_error("fork(). errno: %d.\n", errno);
     exit_process(1);
@@ -82,7 +82,7 @@ pid_t start_agent(void (*run_agent)(AgentSettings*), AgentSettings* settings) {
 // The agent's own end is not waited for, and the pid file stays: the next start finds it stale.
 [[noreturn]] void terminate(pid_t agent) {
   log_info("Received sig_term.\n");
-  kill(agent, SIGTERM);
+  kill(agent, SIGTERM);  // model: watch.terminate
   log_debug("Send sig_term.\n");
   exit_process(0);
 }
@@ -91,13 +91,14 @@ pid_t start_agent(void (*run_agent)(AgentSettings*), AgentSettings* settings) {
 // ended by itself.
 bool restart_due(pid_t agent, bool restart_requested) {
   int status = 0;
+  // model: watch.reap, watch.still_there
   if (waitpid(agent, &status, WNOHANG) != agent) return false;  // somebody sent SIGCHLD by hand
   log_debug("Received sigchld in watchdog.\n");
   if (!WIFSIGNALED(status) && !restart_requested) {
     log_info("Child exit normally.\n");
-    exit_process(0);
+    exit_process(0);  // model: watch.end
   }
-  return true;
+  return true;  // model: watch.again
 }
 
 // Serves signals until a new agent is due. The agent is not reaped before the last line of that, so that a
@@ -107,12 +108,12 @@ void watch_agent(pid_t agent) {
   bool restart_requested = false;
   for (;;) {
     int number = 0;
-    sigwait(&set, &number);
+    sigwait(&set, &number);  // model: watch.wait
     switch (number) {
     case SIGHUP:
       log_debug("received sighup.\n");
-      restart_requested = true;
-      kill(agent, SIGTERM);
+      restart_requested = true;  // model: watch.restart_requested
+      kill(agent, SIGTERM);      // model: watch.hang_up
       break;
     case SIGCHLD:
       if (restart_due(agent, restart_requested)) return;
@@ -120,6 +121,7 @@ void watch_agent(pid_t agent) {
     case SIGTERM:
       terminate(agent);
     default:
+      // model: watch.pass_on
       kill(agent, number);  // SIGUSR1, SIGUSR2
     }
   }

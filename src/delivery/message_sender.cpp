@@ -58,23 +58,23 @@ void block_all_signals() {
 message_ptr wait_for_message(mt_queue* queue) {
   message_ptr message;
   {
-    const scoped_lock lock{pool.wait_lock};
+    const scoped_lock lock{pool.wait_lock};  // model: wait.lock
     int failure = 0;
-    ++pool.waiting;
-    while (failure == 0 && mt_queue_is_empty(queue) != 0 && !pool.stop) {
-      failure = pool.work.wait(pool.wait_lock);
+    ++pool.waiting;                                                        // model: wait.count
+    while (failure == 0 && mt_queue_is_empty(queue) != 0 && !pool.stop) {  // model: wait.test
+      failure = pool.work.wait(pool.wait_lock);                            // model: wait.wait
     }
-    --pool.waiting;
+    --pool.waiting;  // model: wait.uncount
     if (failure != 0) return nullptr;
-    message.reset(static_cast<queued_message*>(mt_queue_dequeue(queue)));
+    message.reset(static_cast<queued_message*>(mt_queue_dequeue(queue)));  // model: wait.take
   }
   if (message) log_debug("Getting message from queue after wait.\n");
   return message;
 }
 
 message_ptr next_message(mt_queue* queue) {
-  if (mt_queue_is_empty(queue) != 0) return wait_for_message(queue);
-  message_ptr message{static_cast<queued_message*>(mt_queue_dequeue(queue))};
+  if (mt_queue_is_empty(queue) != 0) return wait_for_message(queue);           // model: next.test, next.wait
+  message_ptr message{static_cast<queued_message*>(mt_queue_dequeue(queue))};  // model: next.take
   if (!message) return wait_for_message(queue);
   log_debug("Getting message from queue.\n");
   return message;
@@ -82,9 +82,9 @@ message_ptr next_message(mt_queue* queue) {
 
 // True when the worker has nothing left to do and no longer counts.
 bool leave_pool(mt_queue* queue) {
-  const scoped_lock lock{pool.pool_lock};
-  if (mt_queue_is_empty(queue) == 0) return false;
-  --pool.available;
+  const scoped_lock lock{pool.pool_lock};           // model: leave.lock
+  if (mt_queue_is_empty(queue) == 0) return false;  // model: leave.test
+  --pool.available;                                 // model: leave.uncount
   return true;
 }
 
@@ -95,8 +95,8 @@ void* run_worker(void* argument) {
   log_info("Starting message thread.\n");
   for (;;) {
     if (const message_ptr message = next_message(queue)) {
-      send_to_handler(message->handler_name, message->data, message->length);
-    } else if (leave_pool(queue)) {
+      send_to_handler(message->handler_name, message->data, message->length);  // model: worker.deliver
+    } else if (leave_pool(queue)) {                                            // model: worker.leave
       break;
     }
   }
@@ -106,12 +106,13 @@ void* run_worker(void* argument) {
 
 void start_worker() REQUIRES(pool.pool_lock) {
   pthread_t thread{};
+  // model: start_worker.create
   const int result = pthread_create(&thread, &pool.thread_attributes, run_worker, pool.queue);
   if (result != 0) {
     log_error("Failed to create thread ret=%d.\n", result);
     return;
   }
-  ++pool.available;
+  ++pool.available;  // model: start_worker.count
 }
 
 int waiting_workers() {
@@ -126,13 +127,13 @@ void wake_worker() {
 
 // Sees to it that a worker takes the message that was just queued.
 void announce_message() REQUIRES(pool.pool_lock) {
-  const int waiting = waiting_workers();
+  const int waiting = waiting_workers();  // model: announce.look
   log_debug("Available threads: %d, waiting threads: %d.\n", pool.available, waiting);
   if (waiting != 0) {
     log_debug("Some threads are waiting... Notifying them.\n");
-    wake_worker();
+    wake_worker();  // model: announce.wake
   } else if (pool.available <= 0) {
-    start_worker();
+    start_worker();  // model: announce.start
   } else {
     log_info("Cannot create more threads - limit reached.\n");
   }
@@ -165,20 +166,20 @@ int shutdown_thread_pool() {
   int result = 0;
   {
     const scoped_lock lock{pool.wait_lock};
-    pool.stop = true;
+    pool.stop = true;  // model: shutdown.stop
   }
   {
     const scoped_lock lock{pool.pool_lock};
-    if (pthread_attr_destroy(&pool.thread_attributes) != 0) {
+    if (pthread_attr_destroy(&pool.thread_attributes) != 0) {  // model: shutdown.attributes
       log_error("Failed pthread_attr_destroy.\n");
       result = -1;
     }
   }
-  pool.work.broadcast();
+  pool.work.broadcast();  // model: shutdown.wake
   {
     const scoped_lock lock{pool.pool_lock};
-    if (pool.available == 0) {
-      mt_queue_destroy(std::exchange(pool.queue, nullptr));
+    if (pool.available == 0) {                               // model: shutdown.look
+      mt_queue_destroy(std::exchange(pool.queue, nullptr));  // model: shutdown.destroy
       return result;
     }
   }
@@ -194,12 +195,13 @@ int send_to_queue(char** handler_name, void** data, uint32_t length) {
   *message = {std::exchange(*handler_name, nullptr), std::exchange(*data, nullptr), length};
   log_debug("Sending message to queue.\n");
 
-  const scoped_lock lock{pool.pool_lock};
+  const scoped_lock lock{pool.pool_lock};  // model: send.lock
+  // model: send.enqueue
   if (mt_queue_enqueue(message.get(), pool.queue, charged_size(*message)) != 0) return -1;
   // From here on the message is the worker's, which may have freed it by now.
   static_cast<void>(message.release());
   log_debug("Added message to queue.\n");
-  announce_message();
+  announce_message();  // model: send.announce
   return 0;
 }
 

@@ -30,11 +30,6 @@ struct program_list {
 };
 constinit program_list programs{};
 
-struct pipe_ends {
-  fd_owner read_end;
-  fd_owner write_end;
-};
-
 // What a child tells its parent when it can't become the program. A child that can closes the pipe by that.
 enum class child_step : int {
   ignore_hangup,
@@ -57,14 +52,12 @@ fd_owner move_above_standard(fd_owner fd) {
 }
 
 int open_pipe(pipe_ends* pipe) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    log_error("Cannot create pipe. errno: %d.\n", errno);
-    return -1;
+  *pipe = make_pipe(O_CLOEXEC);
+  if (pipe->valid()) {
+    pipe->read_end = move_above_standard(std::move(pipe->read_end));
+    pipe->write_end = move_above_standard(std::move(pipe->write_end));
   }
-  pipe->read_end = move_above_standard(fd_owner{ends[0]});
-  pipe->write_end = move_above_standard(fd_owner{ends[1]});
-  if (pipe->read_end.valid() && pipe->write_end.valid()) return 0;
+  if (pipe->valid()) return 0;
   log_error("Cannot create pipe. errno: %d.\n", errno);
   return -1;
 }

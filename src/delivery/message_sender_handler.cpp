@@ -96,6 +96,8 @@ int send_to_handler(const char* handler_name, const void* data, uint32_t length)
   }
   const bool serves_all_endpoints = std::strcmp(handler_name, "event_sink") == 0;
   for (int index = 0;; ++index) {
+    // Read again for every endpoint, on purpose: a delivery may take long, and a setting that changed meanwhile
+    // counts from the next endpoint on.
     char value[value_size];
     if (read_endpoints(handler_name, value) != 0) return -1;
     const int count = count_endpoints(value);

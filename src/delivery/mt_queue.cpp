@@ -74,10 +74,10 @@ int mt_queue_enqueue(void* item, mt_queue* queue, uint32_t size) {
   {
     const scoped_lock lock{queue->lock};
     if (has_room(*queue, size)) {
-      append(*queue, item, size + queue_node_overhead);
+      append(*queue, item, size + queue_node_overhead);  // model: queue.append
       return 0;
     }
-    dropped = static_cast<int>(++queue->dropped);
+    dropped = static_cast<int>(++queue->dropped);  // model: queue.refuse
     memory = static_cast<int>(queue->memory);
   }
   log_warning("Queue full. Dropped %d packets. Memory usage is %d\n", dropped, memory);
@@ -92,7 +92,7 @@ void* mt_queue_dequeue(mt_queue* queue) {
   queue_node* first = nullptr;
   {
     const scoped_lock lock{queue->lock};
-    first = unlink_first(*queue);
+    first = unlink_first(*queue);  // model: queue.take
   }
   if (first == nullptr) {
     log_warning("Trying to dequeue empty queue.\n");
@@ -109,7 +109,7 @@ int mt_queue_is_empty(mt_queue* queue) {
     return -1;
   }
   const scoped_lock lock{queue->lock};
-  return queue->head == nullptr ? 1 : 0;
+  return queue->head == nullptr ? 1 : 0;  // model: queue.test
 }
 
 void mt_queue_destroy(mt_queue* queue) {

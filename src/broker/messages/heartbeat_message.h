@@ -17,6 +17,3 @@ void heartbeat_response_received(const unsigned char* chunk, uint16_t length);
 /// Was the newest heartbeat answered? 0, or -1 (logged) after posting the close command to the broker thread.
 /// Any thread.
 int check_heartbeat();
-
-/// Converts between host and network byte order.
-uint64_t host_to_net64(uint64_t value);

@@ -37,15 +37,15 @@ child_outcome run_daemonized(const std::function<void()>& prepare, const std::fu
       prepare();
       _exit(daemonize() == 0 ? daemonized() : 100);
     }
-    // The two parents must both end with 0; the last one to end is the daemon.
+    // The two parents must both end with 0. The daemon's own end may be told before theirs.
     int ended = 0;
-    int last = 0;
-    for (int status = 0; wait(&status) > 0;) {
-      if (last != 0) return 101;
-      last = WIFEXITED(status) ? WEXITSTATUS(status) : 102;
-      ++ended;
+    int result = 0;
+    for (int status = 0; wait(&status) > 0; ++ended) {
+      const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 102;
+      if (code != 0 && result != 0) return 101;
+      if (code != 0) result = code;
     }
-    return ended == 3 || last == 100 ? last : 103;
+    return ended == 3 || result == 100 ? result : 103;
   });
 }
 

@@ -199,4 +199,16 @@ TEST_F(SignalsTest, InstallingFailsWithoutDescriptors) {
   EXPECT_THAT(child.output, Not(HasSubstr("signal")));  // its caller says so
 }
 
+TEST(SignalMaskTest, ClearingLetsEverySignalThrough) {
+  sigset_t before;
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+
+  EXPECT_EQ(clear_thread_signal_mask(), 0);
+  pthread_sigmask(SIG_SETMASK, &before, &blocked);
+  EXPECT_EQ(sigismember(&blocked, SIGUSR2), 0);
+}
+
 }  // namespace

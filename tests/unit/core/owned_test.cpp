@@ -4,8 +4,10 @@
 
 #include "log_lines.h"
 #include "logging_child.h"
+#include "process_limits.h"
 #include "sanitizers.h"
 
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -78,6 +80,29 @@ TEST(FdOwnerTest, ResetClosesOnce) {
   owner.reset();
   EXPECT_TRUE(is_open(reused));
   close(reused);
+}
+
+TEST(PipeTest, WhatIsWrittenAtOneEndIsReadAtTheOther) {
+  const pipe_ends pipe = make_pipe(O_CLOEXEC | O_NONBLOCK);
+  ASSERT_TRUE(pipe.valid());
+  for (const int end : {pipe.read_end.get(), pipe.write_end.get()}) {
+    EXPECT_EQ(fcntl(end, F_GETFD), FD_CLOEXEC);
+    EXPECT_NE(fcntl(end, F_GETFL) & O_NONBLOCK, 0);
+  }
+  char byte = 'x';
+  EXPECT_EQ(write(pipe.write_end.get(), &byte, 1), 1);
+  byte = 0;
+  EXPECT_EQ(read(pipe.read_end.get(), &byte, 1), 1);
+  EXPECT_EQ(byte, 'x');
+}
+
+TEST(PipeTest, WithoutDescriptorsThereIsNone) {
+  const limit_guard no_more{RLIMIT_NOFILE, 0};
+  errno = 0;
+  const pipe_ends pipe = make_pipe(O_CLOEXEC);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_FALSE(pipe.valid());
+  EXPECT_FALSE(pipe.read_end.valid() || pipe.write_end.valid());
 }
 
 int released_value = 0;

@@ -1,6 +1,7 @@
 #include "broker/messages/heartbeat_message.h"
 
 #include "../peer.h"
+#include "broker/packet_format.h"
 #include "broker/qbroker_connection_commands.h"
 #include "log_capture.h"
 
@@ -160,12 +161,4 @@ TEST(Heartbeat, MayBeCheckedFromAnotherThread) {
   }
   checker.join();
   EXPECT_EQ(read_bytes(pair.peer.get(), 2000).size(), 2000U);
-}
-
-TEST(ByteOrder, NetworkOrderIsBigEndianBothWays) {
-  const uint64_t network = host_to_net64(0x0102030405060708);
-  EXPECT_EQ(std::memcmp(&network, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0);
-  for (const uint64_t value : {uint64_t{0}, uint64_t{1}, ~uint64_t{0}, uint64_t{0xFEDCBA9876543210}}) {
-    EXPECT_EQ(host_to_net64(host_to_net64(value)), value);
-  }
 }
