@@ -26,8 +26,8 @@ stage() {
 }
 
 own_sources() {
-  git ls-files -co --exclude-standard -- 'src/*.h' 'src/*.cpp' 'platform/*.h' 'platform/*.cpp' 'tests/*.h' \
-    'tests/*.cpp' 'tests/*.c'
+  git ls-files -co --exclude-standard -- 'src/*.h' 'src/*.cpp' 'platform/*.h' 'platform/*.cpp' 'fuzz/*.h' \
+    'fuzz/*.cpp' 'tests/*.h' 'tests/*.cpp' 'tests/*.c'
 }
 
 build() {
@@ -59,11 +59,12 @@ run_tests() {  # run_tests BUILD_FOLDER
 }
 
 run_style() {
-  stage "format, includes, sizes, behaviours"
+  stage "format, includes, sizes, behaviours, steps of the models"
   own_sources | xargs clang-format --dry-run -Werror
   $python scripts/includes.py check
   $python scripts/check-sizes.py
   $python scripts/check-behaviour.py
+  $python docs/models/check_steps.py
 }
 
 run_plain() {
