@@ -229,7 +229,7 @@ def start_stand_in(lab: Lab, tmp_path: Path) -> Iterator:
 class TestAgent:
     def test_lines_are_waited_for_in_order_or_anywhere(self, start_stand_in):
         agent = start_stand_in()
-        assert agent.wait_for_line("second").text == "second half"
+        assert agent.wait_for_line("second half").text == "second half"
         assert agent.wait_for_line("no line end").time > 0
         assert agent.wait_for_line(re.compile(r"first: (\d)")).text == "no line endfirst: 2"
         assert agent.wait_for_line("first: 1", anywhere=True).text == "first: 1"
