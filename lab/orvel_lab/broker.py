@@ -289,6 +289,13 @@ class Broker(Listening):
         with self._lock:
             self._plans.extend([Plan(kind, data)] * times)
 
+    def forget_plans(self) -> None:
+        """Treats coming connections well again; those that were planned to stall go on."""
+        with self._lock:
+            self._plans.clear()
+        for session in self.connections.snapshot():
+            session.release()
+
     def expect_session(self, deadline: float | None = None) -> Session:
         """The next connection that came up (TLS included) and that no earlier call has returned."""
         return self._next(lambda session: session.established, "a session", deadline)

@@ -211,6 +211,12 @@ class Cloud(Listening):
         with self._lock:
             self._scripts[kind].extend(replies)
 
+    def forget_scripts(self) -> None:
+        """Behaves by itself again on every endpoint."""
+        with self._lock:
+            for script in self._scripts.values():
+                script.clear()
+
     def requests(self, kind: str | None = None) -> list[Request]:
         return _of_kind(self._requests.snapshot(), kind)
 

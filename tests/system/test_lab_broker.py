@@ -208,6 +208,21 @@ class TestBroker:
         with pytest.raises(DeadlinePassed, match="ended before it was up: lab reset"):
             lab.broker.expect_connection().wait_established()
 
+    def test_plans_can_be_forgotten_stalls_too(self, lab: Lab):
+        lab.broker.plan("stall")
+        lab.broker.plan("reset")
+
+        def forget() -> None:
+            lab.broker.connections.wait_for_count(1, "the stalled connection")
+            lab.broker.forget_plans()
+
+        forgetter = threading.Thread(target=forget)
+        forgetter.start()
+        for _ in range(2):
+            with connected(lab, trusting(lab.authority)):
+                assert lab.broker.expect_session().open
+        forgetter.join(SECONDS)
+
     def test_planned_garbage_comes_before_tls(self, lab: Lab):
         lab.broker.plan("garbage", data=b"HTTP/1.1 400 Bad Request\r\n\r\n")
         with pytest.raises(ssl.SSLError, match="WRONG_VERSION_NUMBER"), connected(lab, trusting(lab.authority)):

@@ -98,6 +98,13 @@ class TestCloud:
         assert answers[1][1]["X-Error-Code"] == "1062"
         assert json.loads(answers[2][2]) == {"a": 1}
 
+    def test_scripted_replies_can_be_forgotten(self, lab: Lab):
+        lab.cloud.script("claim", Reply(500), Reply(500))
+        lab.cloud.check_authorization = False
+        assert ask(lab.cloud, lab.authority, "GET", "/claimed/v2")[0] == 500
+        lab.cloud.forget_scripts()
+        assert ask(lab.cloud, lab.authority, "GET", "/claimed/v2")[0] == 200
+
     def test_a_stalled_reply_comes_when_it_is_released(self, lab: Lab):
         reply = Reply(body=b"late", stall=True)
         lab.cloud.script("claim", reply)
