@@ -181,9 +181,14 @@ int usi_place_replace(const usi_place* place, usi_text* text, bool sync, usi_fil
   if (fresh.fd < 0) return -errno;
   temporary_file temporary{folder, name};
   if (const int code = fill(place, text, sync, fresh.fd)) return code;
+  // It is known by this one from now on: what pins its inode must not keep it open for writing, or its file
+  // system could not be made read-only any more.
+  const usi_fd readable{
+      usi_uninterrupted([&] { return openat(folder, name.text, O_RDONLY | O_CLOEXEC | O_NOFOLLOW); })};
+  if (readable.fd < 0) return -errno;
   if (renameat(folder, name.text, folder, place->name) < 0) return -errno;
   temporary.kept = true;
-  usi_file_adopt(replaced, text, fresh.fd);  // at once: from now on others may write to the file
+  usi_file_adopt(replaced, text, readable.fd);  // at once: from now on others may write to the file
   if (const int code = sync ? sync_descriptor(folder) : 0) return code;
   replaced->durable = true;
   return 0;
