@@ -77,7 +77,7 @@ inline sleep_at_gate(mark, ends_by_itself) {
   :: else
   fi;
 #else
-  atomic { !gate_lock -> gate_lock = true; mark = false };  /* sleep.lock, sleep.look */
+  atomic { !gate_lock -> gate_lock = true; mark = false };  /* sleep.lock, sleep.seen */
   do
   :: atomic { !mark && keep ->                  /* sleep.test */
        waits_at_gate[BROKER] = true;            /* sleep.wait */
@@ -115,7 +115,7 @@ inline wake_http_waiters() {
 
 inline wait_at_pause_gate(me) {
   do
-  :: paused ->                                  /* gate.look */
+  :: paused ->                                  /* pause_gate.look */
 #ifdef MISTAKE_REFUSER_AT_GATE
     if
     :: MAY_GO_ON(me)
@@ -123,15 +123,15 @@ inline wait_at_pause_gate(me) {
     fi;
 #else
     if
-    :: MAY_WAIT(me)                             /* gate.may_wait */
+    :: MAY_WAIT(me)                             /* pause_gate.may_wait */
     :: else -> break
     fi;
 #endif
-    atomic { !gate_lock -> gate_lock = true; woken[me] = false; place[me] = in_gate };  /* gate.lock, gate.count */
+    atomic { !gate_lock -> gate_lock = true; woken[me] = false; place[me] = in_gate };  /* wakeup.lock, wakeup.seen */
     do
-    :: !woken[me] && MAY_WAIT(me) ->            /* gate.test */
+    :: !woken[me] && MAY_WAIT(me) ->            /* wakeup.test */
       if
-      :: atomic { paused -> waits_at_gate[me] = true; gate_lock = false };  /* gate.wait */
+      :: atomic { paused -> waits_at_gate[me] = true; gate_lock = false };  /* wakeup.wait */
          atomic { !waits_at_gate[me] && !gate_lock -> gate_lock = true }
       :: else -> break
       fi
@@ -163,7 +163,7 @@ inline request(me) {
     wait_at_pause_gate(me);
 #else
     if
-    :: REFUSES(me)                              /* gate.refuse */
+    :: REFUSES(me)                              /* pause_gate.refuse */
     :: else -> wait_at_pause_gate(me)
     fi;
 #endif

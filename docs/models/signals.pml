@@ -200,7 +200,7 @@ proctype main_thread() {
   pipe_ready = true;                      /* main.ready */
 #endif
   run listener();                         /* main.listener */
-  main_waiting = true;                    /* main.wait */
+  main_waiting = true;                    /* main.announce */
   listener_ended;                         /* main.join */
   if
   :: sigterm_received -> exit_process()   /* main.exit */

@@ -1,4 +1,4 @@
-/* Locks and conditions as threads see them, for all models. A comment such as "gate.test" behind a line names a step;
+/* Locks and conditions as threads see them, for all models. A comment such as "wakeup.test" behind a line names a step;
    the same name stands in the source at the line that does it.
 
    What a thread does under a lock to data that only this lock guards is one step with the taking or the giving back of
@@ -6,10 +6,3 @@
 
 inline lock(mutex) { atomic { !mutex -> mutex = true } }
 inline unlock(mutex) { mutex = false }
-
-/* Gives the lock back and begins to wait in one step, and has it again when a wake-up came. `waits` is the caller's
-   mark on the condition; who wakes it takes the mark away. */
-inline wait(waits, mutex) {
-  atomic { waits = true; mutex = false };
-  atomic { !waits && !mutex -> mutex = true }
-}

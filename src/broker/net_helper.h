@@ -24,7 +24,8 @@ int set_keepalive(int fd);
 int set_keepalive_values(int fd, int idle, int count, int interval);
 
 /// Reads exactly `n` bytes: n, 0 when the peer closed, -1 on error (both logged). An interrupted read is repeated
-/// while keep_connection is set. For other users of a connection: the session itself takes what is there.
+/// while keep_connection is set. Nothing in the agent calls it today: the session takes what is
+/// there.
 ssize_t recv_all(net_connection* connection, void* buffer, size_t n);
 
 /// Sends exactly `n` bytes (send(2), no signal): n, 0 when nothing could be sent, -1 on error (both logged).

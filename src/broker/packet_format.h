@@ -26,6 +26,9 @@ constexpr size_t max_chunk_size = 65535;
 constexpr size_t keepalives_chunk_size = 12;
 constexpr size_t heartbeat_chunk_size = 16;
 
+/// Converts between host and network byte order, in either direction. Any thread.
+[[nodiscard]] uint64_t host_to_net64(uint64_t value);
+
 /// Writes `value` big-endian at `bytes`; the position behind it.
 inline unsigned char* put_u8(unsigned char* bytes, uint8_t value) {
   *bytes = value;
@@ -42,18 +45,15 @@ inline unsigned char* put_u32(unsigned char* bytes, uint32_t value) {
   return put_u16(put_u16(bytes, static_cast<uint16_t>(value >> 16)), static_cast<uint16_t>(value));
 }
 
-/// The big-endian number at `bytes`.
-inline uint16_t get_u16(const unsigned char* bytes) {
-  return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
-}
-
-/// Converts between host and network byte order, in either direction. Any thread.
-[[nodiscard]] uint64_t host_to_net64(uint64_t value);
-
 inline unsigned char* put_u64(unsigned char* bytes, uint64_t value) {
   const uint64_t network = host_to_net64(value);
   std::memcpy(bytes, &network, sizeof network);
   return bytes + sizeof network;
+}
+
+/// The big-endian number at `bytes`.
+inline uint16_t get_u16(const unsigned char* bytes) {
+  return static_cast<uint16_t>(bytes[0] << 8 | bytes[1]);
 }
 
 inline uint64_t get_u64(const unsigned char* bytes) {

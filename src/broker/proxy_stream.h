@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <netdb.h>
 
-// The stream under a proxy handshake.
+// The socket of a broker connection, direct or to a proxy, and writing to it during a handshake.
 
 /// A connected socket to `address` with TCP keepalives, which it does without when they fail (logged), or -1
 /// (logged, errno kept). The caller owns the descriptor.

@@ -17,8 +17,8 @@ constexpr uint8_t heartbeat_command = 104;  ///< send a heartbeat
 /// Any thread.
 int send_command(uint8_t code);
 
-/// send_command() with the one or the other code. Heartbeats on demand are for others to ask for: the broker thread's
-/// timer needs no command.
+/// send_command() with the one or the other code. Nothing in the agent asks for a heartbeat this way
+/// today: the broker thread's timer needs no command.
 int post_close_command();
 int post_heartbeat_command();
 

@@ -184,8 +184,8 @@ curl_ptr configured_handle(const AgentSettings& settings, HttpBuffer* headers, H
 
 // Not for a thread that is refused while paused: between two tests of the flag a resume and the next pause may come.
 void wait_at_pause_gate() {
-  if (refuses_while_paused) return;                 // model: gate.refuse
-  while (state.paused != 0 && thread_may_wait()) {  // model: gate.look, gate.may_wait
+  if (refuses_while_paused) return;                 // model: pause_gate.refuse
+  while (state.paused != 0 && thread_may_wait()) {  // model: pause_gate.look, pause_gate.may_wait
     log_debug("Pause http request until we allow to do it\n");
     wait_for_wakeup(&state.paused);
   }
@@ -207,8 +207,8 @@ struct opened_request {
   }
 
   request_turn turn;
-  curl_ptr handle;           ///< null when the request can't be made
-  bool may_be_made = false;  ///< false: held back, or the thread is to stop
+  curl_ptr handle;           ///< null also when libcurl gives none (logged)
+  bool may_be_made = false;  ///< false: held back, or the thread is to stop; then there is no handle
 };
 
 void add_header_line(curl_list_ptr& list, const char* line) {

@@ -25,8 +25,8 @@ void reload_identity(AgentSettings* settings);
 /// Stores agent id and claim code. 0, or -1 when one is missing.
 int save_identity(AgentSettings* settings);
 
-/// Registers the device; its identity goes into `settings`. 0, register_wrong_serial for a rejected serial number,
-/// -1 for any other failure (logged).
+/// Registers the device; its identity goes into `settings`. 0, register_wrong_serial (-2) for a rejected serial
+/// number, -1 for any other failure (logged).
 [[nodiscard]] int register_device(AgentSettings* settings);
 
 /// 1 claimed, 0 not claimed, -1 failure (logged).

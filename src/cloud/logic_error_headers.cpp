@@ -1,5 +1,6 @@
 #include "cloud/logic_error_headers.h"
 
+#include "cloud/http_helper.h"
 #include "core/log.h"
 #include "core/numbers.h"
 
@@ -10,12 +11,12 @@ namespace {
 
 constexpr char log_source[] = "logic";
 
-constexpr size_t header_size = 256;
+constexpr size_t line_size = 256;
 constexpr int wrong_sn = 1062;            // the cloud's code for a serial number that it does not know
 constexpr size_t error_code_offset = 14;  // the name, its colon and one blank
 
 struct header_line {
-  char text[header_size];
+  char text[line_size];
   bool found;
 };
 
@@ -26,7 +27,7 @@ header_line find_header(std::string_view headers, std::string_view name) {
   if (begin == std::string_view::npos) return line;
   const size_t end = headers.find('\r', begin);
   if (end == std::string_view::npos) return line;
-  headers.substr(begin, std::min(end - begin, header_size - 1)).copy(line.text, header_size - 1);
+  headers.substr(begin, std::min(end - begin, line_size - 1)).copy(line.text, line_size - 1);
   line.found = true;
   return line;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-#include "cloud/http_helper.h"
+struct HttpBuffer;
 
+/// What the server's error code for a rejected serial number becomes.
 constexpr int register_wrong_serial = -2;
 
 /// Logs what a refusing server says in its headers "X-Error-Code" and "X-Error-Message" (names as spelled, case

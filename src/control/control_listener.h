@@ -20,7 +20,7 @@ constexpr char control_end_thread = 's';
 int execute_request(const ControlRequest* request, AgentSettings* settings);
 
 /// Parses and executes the text of a request; the result code that the client gets, -1 when it doesn't parse. From now
-/// on the calling thread's HTTP requests fail while requests are held back: it is the way on which a resume comes.
+/// on the calling thread's HTTP requests fail while requests are held back, as the thread must never wait for a resume.
 int execute_request_text(const char* text, AgentSettings* settings);
 
 /// Parses and executes a broker message to the agent itself (any bytes, need not be terminated; data may be null).

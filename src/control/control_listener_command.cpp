@@ -125,7 +125,7 @@ int command_pause_connections() {
   log_debug("Stop connections.\n");
   stop_broker_thread();   // model: pause_command.stop
   pause_http_requests();  // model: pause_command.pause
-  // A claim or a discovery push in another thread may have started one that is past the pause gate already.
+  // A claim or a discovery push in another thread may have started a session that is past the pause gate already.
   if (keep_connection == 1) stop_broker_thread();  // model: pause_command.stop_again
   return 0;
 }

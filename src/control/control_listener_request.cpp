@@ -24,7 +24,7 @@ struct local_state {
   AgentSettings* settings = nullptr;
   std::atomic<char*> own_name{nullptr};
 };
-constinit local_state local{};
+constinit local_state own_requests{};
 
 int send_discovery(const ControlRequest* request, AgentSettings* settings) {
   if (use_discovery() != 0) return command_send_discovery(settings, &request->discovery);
@@ -99,20 +99,20 @@ int handle_incoming_request(const void* data, uint32_t length, AgentSettings* se
 }
 
 const char* agent_handler_name() {
-  if (const char* known = local.own_name) return known;
+  if (const char* known = own_requests.own_name) return known;
   char* name = config_get_copy("q_agent_handler_name");
   if (name == nullptr) return nullptr;
   // Two threads may have read it at once: the first one's copy stays.
   char* first = nullptr;
-  if (local.own_name.compare_exchange_strong(first, name)) return name;
+  if (own_requests.own_name.compare_exchange_strong(first, name)) return name;
   std::free(name);
   return first;
 }
 
 void serve_local_requests(AgentSettings* settings) {
-  local.settings = settings;
+  own_requests.settings = settings;
   set_local_requests(
       {.own_handler_name = agent_handler_name, .execute = [](const void* data, uint32_t length) {
-         return handle_incoming_request(data, length, local.settings);
+         return handle_incoming_request(data, length, own_requests.settings);
        }});
 }

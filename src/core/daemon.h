@@ -11,7 +11,7 @@
 [[nodiscard]] int daemonize();
 
 /// Creates `path` with the process id, and locks it (fcntl record lock) for the life of the process. A file that
-/// names a dead process is replaced. Returns the open descriptor (close-on-exec), or -1 (logged).
+/// names a dead process is replaced. A starter that is killed meanwhile may leave a file PATH.PID. Returns the open descriptor (close-on-exec), or -1 (logged).
 /// The holder must not open the file a second time: closing it would drop the lock.
 [[nodiscard]] int lock_pid_file(const char* path);
 

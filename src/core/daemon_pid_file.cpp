@@ -41,21 +41,26 @@ int fill(const char* path, int fd) {
 
 constexpr int not_created = -2;
 
+// Gives `fresh` the name `path`, unless another starter has put a file there meanwhile. Some file systems have no hard
+// links, others (and old kernels) no renaming that replaces nothing.
+bool give_name(const char* fresh, const char* path) {
+  return link(fresh, path) == 0 || renameat2(AT_FDCWD, fresh, AT_FDCWD, path, RENAME_NOREPLACE) == 0;
+}
+
 // The descriptor of the new file; -1 after a failure that was logged; not_created when the path is taken or the
-// folder takes no file. The file gets its name when it is locked and complete: of a starter that is killed half-way
-// no pid file without a number may stay, which would stop every later start.
+// folder takes no file. The file gets its name when it is locked and complete: a starter that is killed half-way must
+// leave no pid file without a number, which would stop every later start.
 int create_pid_file(const char* path) {
   struct stat present {};
-  if (lstat(path, &present) == 0) return not_created;
+  if (lstat(path, &present) == 0) return not_created;  // before anything is written: the disk may be full
   const std::string fresh = std::string{path} + '.' + std::to_string(getpid());
   unlink(fresh.c_str());  // left by a process with the same id
   fd_owner file{open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660)};
   if (!file.valid()) return not_created;
   const int filled = fill(path, file.get());
-  if (filled == 0 && renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path, RENAME_NOREPLACE) == 0) {
-    return file.release();
-  }
-  if (unlink(fresh.c_str()) != 0) log_error("remove_file() %s\n", path);
+  const bool named = filled == 0 && give_name(fresh.c_str(), path);
+  if (unlink(fresh.c_str()) != 0 && errno != ENOENT) log_error("remove_file() %s\n", path);
+  if (named) return file.release();
   return filled == 0 ? not_created : -1;
 }
 

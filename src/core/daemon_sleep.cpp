@@ -55,7 +55,7 @@ void sleep_for(int seconds) {
   const timespec deadline = deadline_after(now, duration);
 
   const scoped_lock lock{gate.lock};                                 // model: sleep.lock
-  const uint32_t seen = gate.wakeups;                                // model: sleep.look
+  const uint32_t seen = gate.wakeups;                                // model: sleep.seen
   while (gate.wakeups == seen && thread_may_wait()) {                // model: sleep.test
     const int error = gate.changed.wait_until(gate.lock, deadline);  // model: sleep.wait
     if (error == 0) continue;
@@ -66,11 +66,11 @@ void sleep_for(int seconds) {
 }
 
 void wait_for_wakeup(const std::atomic<int>* reason) {
-  const scoped_lock lock{gate.lock};   // model: gate.lock
-  const uint32_t seen = gate.wakeups;  // model: gate.count
-  // model: gate.test
+  const scoped_lock lock{gate.lock};   // model: wakeup.lock
+  const uint32_t seen = gate.wakeups;  // model: wakeup.seen
+  // model: wakeup.test
   while (gate.wakeups == seen && thread_may_wait() && (reason == nullptr || reason->load() != 0)) {
-    const int error = gate.changed.wait(gate.lock);  // model: gate.wait
+    const int error = gate.changed.wait(gate.lock);  // model: wakeup.wait
     if (error == 0) continue;
     if (error != ETIMEDOUT) log_warning("pthread_cond_wait failed with error %d\n", error);
     break;

@@ -127,7 +127,7 @@ void decide_connection(AgentSettings* settings, const DiscoveryParams* params, i
 // Waits until a stop has ended the control listener, then ends the process. Without a stop there is nothing left to
 // wait for, and the other threads go on.
 void wait_for_end(pthread_t listener, const char* pid_file, int pid_fd) {
-  termination.main_waiting = 1;                        // model: main.wait
+  termination.main_waiting = 1;                        // model: main.announce
   if (listener != 0) pthread_join(listener, nullptr);  // model: main.join
   if (termination.sigterm_received != 0) {             // model: main.exit
     log_debug("Exit because sigterm was received.\n");

@@ -1,6 +1,6 @@
 #pragma once
 
-// The texts that start-up puts together before the agent runs. Any thread.
+// Texts that start-up needs before the agent runs. Any thread.
 
 /// Appends `piece` to the malloc'ed `*dst` (null counts as empty). When nothing is to be stored or memory is
 /// short, `*dst` stays as it is.

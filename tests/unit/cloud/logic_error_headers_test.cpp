@@ -1,5 +1,7 @@
 #include "cloud/logic_error_headers.h"
 
+#include "cloud/http_helper.h"
+
 #include "in_order.h"
 #include "log_capture.h"
 

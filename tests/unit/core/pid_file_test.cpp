@@ -169,7 +169,7 @@ TEST_F(PidFileTest, ThatCantBeWrittenIsRemoved) {
   });
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(messages(result.output), ElementsAre("WARNING: write() " + path));
-  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
 TEST_F(PidFileTest, OfAStarterThatIsKilledBeforeItsNumberIsWrittenHindersNoLaterStart) {
@@ -317,6 +317,7 @@ TEST_F(PidFileTest, OfSeveralStartersExactlyOneGetsIt) {
     ASSERT_EQ(winners.size(), 1U) << "round " << round;
     EXPECT_EQ(read_text_file(path), std::to_string(winners[0]) + "\n");
     std::filesystem::remove(path);
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << "the losers leave nothing";
   }
 }
 
