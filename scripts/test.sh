@@ -88,6 +88,7 @@ run_install() {
   [[ -d build ]] || build release
   cmake --install build --prefix "$prefix" >/dev/null
   "$prefix/bin/orvel" --version
+  rm -rf build-system  # it would look for the library where the run before had it
   CMAKE_PREFIX_PATH=$prefix cmake -S . -B build-system -G Ninja -DORVEL_USI=system -DBUILD_TESTING=OFF >/dev/null
   cmake --build build-system
   build-system/bin/orvel --version
