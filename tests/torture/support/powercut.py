@@ -115,7 +115,7 @@ class PowerCut:
         return tool.status
 
     def _cut_power(self, disk: Disk, allowed: Sequence[str], where: str) -> None:
-        for state in set(disk.left_by_power_cut()):
+        for state in dict.fromkeys(disk.left_by_power_cut()):
             self.this.tally.counts["power cuts"] += 1
             if state not in self._seen:
                 self._seen[state] = self._look_at(state, where)
@@ -148,7 +148,8 @@ class PowerCut:
 
     def _list(self, folder: Path) -> str:
         listed = self._tool(folder, "list")
-        assert listed.returncode == 0, listed.stderr
+        if listed.returncode != 0:
+            raise Lost(f"settings that can't be read: {listed.stderr}")
         return listed.stdout
 
     def _tool(self, folder: Path, *arguments: str) -> subprocess.CompletedProcess[str]:
