@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Measures the agent against the floor: the least that any program could do with the same libraries and system calls.
+# Prints a table and, when all rows are measured, writes bench/results.json. docs/performance.md explains the rows.
+#
+# usage: bench.sh [--pairs N] [--growth] [ROW...]      (default: all rows, 7 pairs each)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+if [[ ${1:-} == -h || ${1:-} == --help ]]; then
+  sed -n '2,5s/^# \{0,1\}//p' "$0"
+  exit 0
+fi
+folder=${ORVEL_BENCH_BUILD:-build-bench}
+launcher=()
+if command -v ccache >/dev/null; then launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache); fi
+cmake -S . -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DORVEL_BENCH=ON "${launcher[@]}" >/dev/null
+cmake --build "$folder" --target bench_programs usi_tool >/dev/null
+exec /usr/bin/python3 bench/run.py --build "$folder" "$@"
