@@ -8,6 +8,7 @@
 #   install   cmake --install, and a second build against the installed settings library
 #   asan      all tests under the address, leak and undefined-behaviour sanitizers
 #   tsan      all tests under the thread sanitizer
+#   torture   each experiment of scripts/torture.sh in its short form
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -108,16 +109,42 @@ run_tsan() {
   TSAN_OPTIONS=report_thread_leaks=0 ORVEL_BURST_MESSAGES=2000 run_tests build-tsan
 }
 
+# The first two use all processors by themselves; the others mostly wait, so that two at a time are no worse.
+run_torture() {
+  stage "experiments, each in its short form"
+  local logs name
+  [[ -x build/bin/orvel ]] || build release
+  logs=$(mktemp -d)
+  experiment() {
+    local outcome=passed
+    scripts/torture.sh "$1" >"$logs/$1" 2>&1 || outcome=failed
+    touch "$logs/$1.$outcome"
+    if [[ $outcome == failed ]]; then tail -n 200 "$logs/$1"; else tail -n 1 "$logs/$1"; fi
+  }
+  export ORVEL_BIN=$PWD/build/bin/orvel
+  experiment fuzz
+  experiment models
+  for name in $(scripts/torture.sh | grep -vxE 'fuzz|models'); do
+    while (($(jobs -rp | wc -l) >= 2)); do wait -n; done
+    experiment "$name" &
+  done
+  wait
+  total_passed=$((total_passed + $(find "$logs" -name '*.passed' | wc -l)))
+  total_failed=$((total_failed + $(find "$logs" -name '*.failed' | wc -l)))
+  rm -rf "$logs"
+  [[ $total_failed -eq 0 ]] || { finish; exit 1; }
+}
+
 finish() {
   echo
   echo "$total_passed passed, $total_failed failed"
 }
 
 stages=("$@")
-[[ $# -gt 0 ]] || stages=(style plain clang install asan tsan)
+[[ $# -gt 0 ]] || stages=(style plain clang install asan tsan torture)
 for name in "${stages[@]}"; do
   case $name in
-    style | plain | clang | install | asan | tsan) "run_$name" ;;
+    style | plain | clang | install | asan | tsan | torture) "run_$name" ;;
     *) echo "test.sh: no stage '$name'" >&2; exit 2 ;;
   esac
 done
