@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import codecs
+import contextlib
 import os
 import re
 import signal
@@ -178,8 +179,11 @@ class Agent:
         return int(text) if text.isdigit() and int(text) in self.processes() else None
 
     def processes(self) -> list[int]:
-        """Every running process of this agent (itself, daemon, watchdog): known by the control port, its alone."""
-        mark = f"\0--control_port\0{self.control.port}\0".encode()
+        """Every running process of this agent (itself, daemon, watchdog): known by the pid file, its alone.
+
+        Another network may have an agent with the same control port.
+        """
+        mark = f"\0--pid_file\0{self.pid_file}\0".encode()
         return [pid for pid in _all_pids() if mark in _command_line(pid)]
 
     def signal(self, number: int) -> None:
@@ -201,30 +205,27 @@ class Agent:
         if self.running:
             self._process.terminate()
         obeyed = self._wait_process(seconds)
-        left = self.kill()
+        left = self.kill(seconds if "--watchdog" in self.arguments else 1)  # it does not wait for its agent
         self.check_sanitizers()
         assert obeyed, self._with_log("the agent did not end on SIGTERM and was killed")
         assert not left, self._with_log(f"processes {left} were left over and were killed")
         return self._process.returncode
 
-    def kill(self) -> list[int]:
-        """Kills what still runs of this agent, and gives the pids of processes other than the started one."""
+    def kill(self, patience: float = 1) -> list[int]:
+        """Kills what still runs of this agent, and gives the pids of processes other than the started one.
+
+        Those have so many seconds to end, or to become a handler's program, by themselves.
+        """
         if self.running:
             self._process.kill()
         self._process.wait(DEADLINE)
-        left = self._lasting_processes()
+        with contextlib.suppress(DeadlinePassed):
+            wait_until(lambda: not self.processes(), "the end of all its processes", patience)
+        left = self.processes()
         for pid in left:
             _end_process(pid, signal.SIGKILL, DEADLINE)
         self._finish_reading()
         return left
-
-    def _lasting_processes(self) -> list[int]:
-        """Without those that end, or become a handler's program, within a second."""
-        try:
-            wait_until(lambda: not self.processes(), "the end of all its processes", 1)
-        except DeadlinePassed:
-            pass
-        return self.processes()
 
     def check_sanitizers(self) -> None:
         said = self.log + self.output

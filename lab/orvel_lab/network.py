@@ -1,4 +1,4 @@
-"""A network of one's own, which is loopback alone, and a rule in it that nothing but a proxy gets past."""
+"""A network of one's own, which is loopback alone, and rules in it: nothing but a proxy gets past, packets are lost."""
 
 from __future__ import annotations
 
@@ -8,6 +8,7 @@ import socket
 import subprocess
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
+from pathlib import Path
 
 CLONE_NEWNET = 0x40000000
 
@@ -29,6 +30,19 @@ table inet lab {{
   chain output {{
     type filter hook output priority filter
     tcp dport {{ {ports} }} goto guarded
+  }}
+}}
+"""
+
+# Lost on arrival: to the sender it looks as if the packet had gone out.
+LOSSES = """
+table inet loss
+delete table inet loss
+table inet loss {{
+  counter lost {{}}
+  chain input {{
+    type filter hook input priority filter
+    {rules}
   }}
 }}
 """
@@ -77,8 +91,31 @@ class Firewall:
         return self._count("past")
 
     def _count(self, name: str) -> int:
-        shown = json.loads(_run("nft", "-j", "list", "counter", "inet", "lab", name))
-        return next(entry["counter"]["packets"] for entry in shown["nftables"] if "counter" in entry)
+        return _packets("lab", name)
+
+
+@contextmanager
+def lost_packets(*matches: str) -> Iterator[None]:
+    """Packets that fit one of the expressions, such as "tcp dport 4000", are lost. Only in a network of one's own."""
+    assert is_private(), "packets are lost in a network of one's own only"
+    _run("nft", "-f", "-", given=LOSSES.format(rules="\n".join(f"{match} counter name lost drop" for match in matches)))
+    try:
+        yield
+        assert _packets("loss", "lost") > 0, f"nothing was lost by {matches}"
+    finally:
+        _run("nft", "delete", "table", "inet", "loss")
+
+
+def tune_tcp(**values: int) -> None:
+    """Sets the kernel's values for this network, such as tcp_keepalive_time=1. Only in a network of one's own."""
+    assert is_private(), "the kernel's values are changed in a network of one's own only"
+    for name, value in values.items():
+        Path(f"/proc/sys/net/ipv4/{name}").write_text(str(value))
+
+
+def _packets(table: str, counter: str) -> int:
+    shown = json.loads(_run("nft", "-j", "list", "counter", "inet", table, counter))
+    return next(entry["counter"]["packets"] for entry in shown["nftables"] if "counter" in entry)
 
 
 def _check(result: int, failure: str) -> None:

@@ -32,11 +32,12 @@ from support.binary import check_hardening  # noqa: E402  (found only now)
 from support.builds import build  # noqa: E402
 from support.life import ENVIRONMENT, Life  # noqa: E402
 from support.credentials import LEVELS, expected, forms, messages, read, search  # noqa: E402
+from support.records import APPLICATION_DATA, HANDSHAKE, records  # noqa: E402
 from support.rounds import Round, Tally, run  # noqa: E402
-from support.tap import APPLICATION_DATA, HANDSHAKE, Tap, records  # noqa: E402
 from support.watch import ModeWatch  # noqa: E402
 from orvel_lab import Authority, DeadlinePassed, Lab, Reply, Session, wait_until  # noqa: E402
 from orvel_lab.agent import default_binary  # noqa: E402
+from orvel_lab.relay import Relay  # noqa: E402
 
 KINDS = ("token", "agent id", "HTTPS proxy")
 SHORT_LIVES, LONG_LIVES = 1, 20  # of each kind, in other orders
@@ -95,7 +96,7 @@ class Certificates:
         self.kind = KINDS[int(this.name.split("-")[1]) % len(KINDS)]
         self.secrets = {name: f"{name}-{this.random.randrange(1 << 64):016x}" for name in ("token", "password")}
         self.good = this.authority.issue().server_context(maximum=ssl.TLSVersion.TLSv1_2), "localhost"
-        self.good_taps: list[Tap] = []
+        self.good_taps: list[Relay] = []
 
     def run(self) -> None:
         namesake = Authority(self.this.folder / "namesake", name=self.this.authority.name)
@@ -131,9 +132,9 @@ class Certificates:
             self.lab.settings["q_qcloud_proxy_password"] = self.secrets["password"]
         self.lab.write_settings()
 
-    def _meet(self, context: ssl.SSLContext, host: str) -> Tap:
+    def _meet(self, context: ssl.SSLContext, host: str) -> Relay:
         """From now on the agent is sent there, over a tap of its own."""
-        tap = self.stack.enter_context(Tap(self.server.port))
+        tap = self.stack.enter_context(Relay(self.server.port))
         self.server.context = context
         if self.kind == "HTTPS proxy":
             self.lab.change_setting("q_qcloud_proxy_port", str(tap.port))

@@ -9,7 +9,7 @@ import ssl
 import sys
 import threading
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator, Sequence
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[3] / "lab"))
@@ -27,6 +27,14 @@ ENVIRONMENT = {
     # One heap for all threads: what each one's own heap keeps in reserve would look like growth.
     "MALLOC_ARENA_MAX": "1",
 }
+
+
+# For a handler's next message: bytes without a line end that make it longer, and the sizes of its first chunks.
+Variety = Callable[[str], tuple[bytes, Sequence[int]]]
+
+
+def plain_variety(_handler: str) -> tuple[bytes, Sequence[int]]:
+    return b"", ()
 
 
 class Program:
@@ -55,6 +63,8 @@ class Life:
         self.lab.settings["q_handler_program"] = str(self._program.path)
         self.sent: dict[str, list[bytes]] = {handler: [] for handler in HANDLERS}
         self.fed: list[Session] = []  # the sessions that got messages
+        self.streams: dict[int, list[tuple[str, bytes]]] = {}  # by session: handlers and messages, in their order
+        self.vary: Variety = plain_variety
         self._sending = threading.Lock()  # what is noted as sent is in the order of the stream
         self._gap = gap
         self._calm = threading.Event()
@@ -154,11 +164,14 @@ class Life:
 
     def _send(self, session: Session, handler: str) -> bytes:
         with self._sending:
-            message = b"%s %d in session %d\n" % (handler.encode(), len(self.sent[handler]), session.number)
+            filler, chunk_sizes = self.vary(handler)
+            name = handler.encode()
+            message = b"%s %d in session %d%s\n" % (name, len(self.sent[handler]), session.number, filler)
             self.sent[handler].append(message)
+            self.streams.setdefault(session.number, []).append((handler, message))
             if session not in self.fed:
                 self.fed.append(session)
-            session.send_message(handler, message)
+            session.send_message(handler, message, chunk_sizes)
             return message
 
     def _feed(self) -> None:
