@@ -1,5 +1,6 @@
 // What a refusing server says in its headers.
 
+#include "cloud/http_helper.h"
 #include "cloud/logic.h"
 #include "cloud/logic_error_headers.h"
 #include "naive_numbers.h"

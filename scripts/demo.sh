@@ -5,6 +5,7 @@
 # usage: demo.sh [--keep] [--proxy http|https|socks4|socks5]
 #   --keep    leave lab and agent running at the end, to play with
 #   --proxy   all of it through a real proxy of this kind, in a network of its own with no other way to cloud and broker
+# ORVEL_BIN names another agent than the one that is built here.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 keep=
@@ -21,6 +22,7 @@ while [[ $# -gt 0 ]]; do
 done
 
 build=${ORVEL_DEMO_BUILD:-$root/build}
+agent=${ORVEL_BIN:-$build/bin/orvel}
 python=/usr/bin/python3
 lab_pid=
 agent_pid=
@@ -89,7 +91,7 @@ assert proxy["through"] >= 8 and proxy["past"] == 0, proxy' || fail "the proxy h
 }
 
 show_state() {  # show_state TEXT: waits until the newest state document holds TEXT, and shows it
-  local state deadline=$((SECONDS + 20))
+  local state deadline=$((SECONDS + ${ORVEL_LAB_DEADLINE:-20}))
   while state=$(find "$folder/lab/received/event_sink" -type f | sort | tail -n 1 | xargs cat | tr -d '\n\t'); do
     [[ $state != *"$1"* ]] || break
     [[ $SECONDS -lt $deadline ]] || fail "event_sink was not told $1, but $state"
@@ -112,7 +114,7 @@ go_on_in_own_network() {
 }
 
 if [[ -z ${ORVEL_DEMO_NETWORK:-} ]]; then
-  build_all
+  [[ -n ${ORVEL_BIN:-} ]] || build_all
   [[ -z $proxy ]] || go_on_in_own_network
 fi
 started=$SECONDS
@@ -120,7 +122,7 @@ folder=$(mktemp -d /tmp/orvel-demo-XXXXXX)
 trap end_everything EXIT
 
 step "a local cloud: HTTPS endpoints, broker, handlers${proxy:+; a proxy of the kind $proxy, and no other way to them}"
-ORVEL_BIN=$build/bin/orvel "$root/lab/orvel-lab" --dir "$folder/lab" up ${proxy:+--proxy "$proxy"} \
+ORVEL_BIN=$agent "$root/lab/orvel-lab" --dir "$folder/lab" up ${proxy:+--proxy "$proxy"} \
   >"$folder/timeline" 2>&1 &
 lab_pid=$!
 lab wait up >/dev/null

@@ -95,7 +95,7 @@ run_one() {  # run_one EXPECTED MODEL PROPERTY DEFINES...
   cd "$place"
   verify "$@" || true
   [[ -f report ]] || echo "no report" >report
-  if grep -q '^pan:1: ' report; then
+  if grep -qE '^pan:1: (assertion violated|acceptance cycle)' report; then
     outcome=fails
   elif ! grep -q 'errors: 0$' report || grep -qE 'not completed|too small|memory limit' report; then
     outcome=broken

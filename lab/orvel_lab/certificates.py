@@ -62,7 +62,15 @@ class Certificate:
 class Authority:
     """A certificate authority in a folder of its own. What it has issued once it hands out again."""
 
-    def __init__(self, folder: Path, name: str = "Orvel Lab CA", key: str = "ec") -> None:
+    def __init__(
+        self,
+        folder: Path,
+        name: str = "Orvel Lab CA",
+        key: str = "ec",
+        valid_from: float = -1,
+        valid_until: float = 3650,
+    ) -> None:
+        """The validity is in days from now."""
         self.folder = Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.name = name
@@ -72,7 +80,8 @@ class Authority:
         if not self.path.exists():
             public = _public_key(self._key)
             extensions = [_extension(BASIC_CONSTRAINTS, _sequence(_tlv(0x01, b"\xff")), critical=True)]
-            unsigned = _unsigned(self._key_kind, name, name, public, _from_now(-1), _from_now(3650), extensions)
+            validity = _from_now(valid_from), _from_now(valid_until)
+            unsigned = _unsigned(self._key_kind, name, name, public, *validity, extensions)
             _write_pem(self.path, _signed(unsigned, self._key_kind, self._key))
 
     def issue(

@@ -16,6 +16,7 @@ from typing import Any
 from .lab import HARDWARE_ID
 from .playground import LAB_FILE, Options, Playground, Refusal, timeline_entry
 from .scripted_proxy import KINDS
+from .waiting import DEADLINE
 
 DESCRIPTION = """\
 A local cloud for the agent: registration, claim status, discovery, advisor, message broker, and the receiving
@@ -96,7 +97,8 @@ def parser() -> argparse.ArgumentParser:
     waited = command("wait", wait, "wait until something is so")
     waited.add_argument("condition", choices=["up", "registered", "connected", "disconnected", "received"])
     waited.add_argument("arguments", nargs="*", help="connected [SESSION NUMBER], received HANDLER [COUNT]")
-    waited.add_argument("--deadline", type=float, default=30.0, metavar="SECONDS", help="give up after that long (30)")
+    patience = "give up after that long (%(default)g)"
+    waited.add_argument("--deadline", type=float, default=DEADLINE, metavar="SECONDS", help=patience)
     waited.set_defaults(usage_error=waited.error)
     advice.set_defaults(usage_error=advice.error)
 

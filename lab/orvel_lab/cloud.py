@@ -95,6 +95,7 @@ class Reply:
     stall_at: int = 0
     end: str = ""
     released: Wake = field(default_factory=Wake, repr=False)
+    taken: bool = False  # has a request got it?
 
     def release(self) -> None:
         self.released.set()
@@ -280,7 +281,9 @@ class Cloud(Listening):
         with self._lock:
             script = self._scripts.get(request.kind)
             if script:
-                return script.popleft()
+                reply = script.popleft()
+                reply.taken = True
+                return reply
         return self._default_reply(request)
 
     def _answer(self, channel: Channel, request: Request, reply: Reply) -> None:

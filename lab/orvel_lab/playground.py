@@ -32,7 +32,6 @@ from .waiting import DeadlinePassed, Event, Journal, Wake
 
 LAB_FILE = "lab.json"
 LOCK_FILE = "lab.lock"
-CONTROL_SECONDS = 10.0
 
 
 class Refusal(Exception):
@@ -275,7 +274,7 @@ class Playground:
         return {"done": f"session {session.number}: {session.ended_by}"}
 
     def _send_control(self, request: dict[str, Any]) -> dict[str, Any]:
-        reply = self._control.exchange(request["document"].encode(), deadline=CONTROL_SECONDS).decode(errors="replace")
+        reply = self._control.exchange(request["document"].encode()).decode(errors="replace")
         self._tell(Event("control", f"{request['document']} -> {reply}"))
         return {"done": reply}
 

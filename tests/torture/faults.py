@@ -14,12 +14,10 @@ from __future__ import annotations
 import argparse
 import collections
 import concurrent.futures
-import ctypes
 import multiprocessing
 import os
 import random
 import shutil
-import subprocess
 import sys
 import tempfile
 import threading
@@ -28,17 +26,11 @@ from collections.abc import Iterable
 from dataclasses import dataclass
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("ORVEL_TORTURE_BUILD") or ROOT / "build-torture")
-BINARY = BUILD / "debug" / "bin" / "orvel"
-SHIM = BUILD / "faults.so"
-LIBRARIES_ONLY = BUILD / "libraries_only"
-KEPT = BUILD / "faults-failures"
-os.environ["ORVEL_BIN"] = str(BINARY)
+sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-sys.path.insert(0, str(ROOT / "lab"))
-
-from faulting.libraries import dies_by_itself  # noqa: E402  (found only now)
+from support import processes  # noqa: E402  (found only now)
+from support.builds import FOLDER, build, compile_c  # noqa: E402
+from faulting.libraries import dies_by_itself  # noqa: E402
 from faulting.lives import SCENARIOS, Life, adopted_ends, live  # noqa: E402
 from faulting.outcomes import (  # noqa: E402
     DEATH,
@@ -53,7 +45,10 @@ from faulting.outcomes import (  # noqa: E402
 from faulting.points import FUNCTIONS, Point, Site, Table, describe  # noqa: E402
 from orvel_lab import Authority  # noqa: E402
 
-PR_SET_CHILD_SUBREAPER = 36
+BINARY = FOLDER / "debug" / "bin" / "orvel"
+SHIM = FOLDER / "faults.so"
+LIBRARIES_ONLY = FOLDER / "libraries_only"
+KEPT = FOLDER / "faults-failures"
 OWN_PATIENCE, LIBRARY_PATIENCE = 10.0, 5.0  # seconds that a step may take
 # Points of each scenario; the long run takes all in own code.
 SHORT_OWN, SHORT_LIBRARY = 19, 10
@@ -75,23 +70,13 @@ class Result:
 # --- building
 
 
-def build() -> None:
-    folder = BUILD / "debug"
-    configure = ["cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DBUILD_TESTING=OFF"]
-    launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
-    _run(*configure, "-DCMAKE_CXX_FLAGS=-fno-omit-frame-pointer", *launcher)
-    _run("cmake", "--build", folder, "--target", "orvel", "usi_tool")
-    sources = ROOT / "tests" / "torture" / "shims"
-    compiler = ["gcc", "-std=gnu17", "-O1", "-Wall", "-Wextra", "-Werror"]
+def build_all() -> None:
+    build("Debug")
+    os.environ["ORVEL_BIN"] = str(BINARY)
+    sources = Path(__file__).parent / "shims"
     frames = ["-fno-omit-frame-pointer", "-fno-optimize-sibling-calls"]
-    _run(*compiler, *frames, "-fPIC", "-shared", "-o", SHIM, sources / "faults.c")
-    _run(*compiler, "-o", LIBRARIES_ONLY, sources / "libraries_only.c", "-lcurl", "-lssl", "-lcrypto")
-
-
-def _run(*command: object) -> None:
-    done = subprocess.run([*map(str, command)], capture_output=True, text=True, check=False)
-    if done.returncode != 0:
-        sys.exit(f"{' '.join(map(str, command))}\n{done.stdout}{done.stderr}")
+    compile_c(SHIM, "-O1", *frames, "-fPIC", "-shared", sources / "faults.c")
+    compile_c(LIBRARIES_ONLY, "-O1", sources / "libraries_only.c", "-lcurl", "-lssl", "-lcrypto")
 
 
 # --- one life, in a process of its own
@@ -100,7 +85,7 @@ def _run(*command: object) -> None:
 def begin_worker() -> None:
     """Its agents' daemons become its children. A fault may make an agent confuse the lab, which needs one line only."""
     threading.excepthook = lambda what: print(f"({what.thread.name}: {what.exc_value})", flush=True)
-    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+    processes.adopt_orphans()
 
 
 def run(name: str, certificates: Path, point: Point | None, where: str) -> Result:
@@ -296,7 +281,7 @@ def main() -> int:
     options = arguments()
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     print(f"seed {seed}", flush=True)
-    build()
+    build_all()
     shutil.rmtree(KEPT, ignore_errors=True)
     begin = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="orvel-faults-") as folder:

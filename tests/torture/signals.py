@@ -6,6 +6,7 @@ storm  SIGUSR1, SIGUSR2, SIGCHLD and SIGPIPE, under the watchdog SIGHUP too (to 
        SIGTERM, in some rounds in the midst of it all: status 0, the pid file removed if start-up was over, and the end
        within 2 seconds of the moment from which nobody occupies the control port (SIGTERM itself, or the end of the
        client that is being served then). Sanitizers' builds, whose exit takes a while by itself, get five times that.
+       The watchdog has never replaced an agent that was not told to end: none has crashed.
 kill   kill -9 of the agent under the watchdog, in its life and in the midst of its start: each time there is a new one
        that is connected, delivers and answers on the control port; no zombie, no second agent.
 """
@@ -20,7 +21,7 @@ import signal
 import socket
 import sys
 import time
-from collections import Counter
+from collections import Counter, defaultdict
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -36,6 +37,7 @@ KILL_ROUNDS, LONG_KILL_ROUNDS = 3, 30
 KILLS = 10  # that are looked at in each round
 SIGNALS = 40  # in each storm
 STARTED = re.compile("version .* started")
+TERMINATED = re.compile("received sigterm")
 STATE_REPORT = "sig_usr2 handler."
 RESTART = "Received sigchld in watchdog."
 ORDERLY_END = "Exit because sigterm was received."
@@ -176,7 +178,7 @@ class Storm:
             client.close()
         free = time.monotonic()
         _wait_end(watchdog, free)
-        pid, status = self._collect_orphan(free) if self.guarded else (watchdog, 0)
+        pid, status = _collect_orphan(self.agent, free) if self.guarded else (watchdog, 0)
         self.ended = time.time()
         seconds = time.monotonic() - free
         self.this.tally.measure("end", seconds)
@@ -192,20 +194,13 @@ class Storm:
         self.this.tally.counts["occupied"] += 1
         return client
 
-    def _collect_orphan(self, free: float) -> tuple[int, int]:
-        """The agent that the watchdog has left to us."""
-        program = Path(self.agent.arguments[0]).name[:15]  # as the kernel cuts it
-        mine = [pid for pid in processes.children(os.getpid()) if pid != self.agent.pid]
-        agents = [pid for pid in mine if processes.name(pid) == program]
-        assert len(agents) == 1, f"agents that the watchdog has left: {agents}"
-        _wait_end(agents[0], free)
-        _, status = os.waitpid(agents[0], 0)
-        return agents[0], os.waitstatus_to_exitcode(status)
-
     def _check_end(self, pid: int, status: int) -> None:
         lab, log_file = self.life.lab, self.agent.log_file_text
-        said = [text for teller, text in LOG_FILE_LINE.findall(log_file) if int(teller) == pid]
-        if status < 0 and not any(STARTED.search(text) for text in said):
+        told = _by_teller(log_file)
+        crashed = [teller for teller, texts in told.items() if _has(texts, STARTED) and not _has(texts, TERMINATED)]
+        assert not crashed, f"replaced by the watchdog without a hangup: {crashed}\n--- the log:\n{log_file}\n---"
+        said = told[pid]
+        if status < 0 and not _has(said, STARTED):
             self.this.tally.counts["ended before its handlers"] += 1  # as a new child, in its very first moments
             return
         assert status == 0, f"status {status}\n--- its log:\n{log_file}\n---"
@@ -225,6 +220,29 @@ class Storm:
             self.this.tally.counts[signal.Signals(number).name] += count
         self.this.tally.counts["storms"] += 1
         self.this.tally.counts["guarded"] += self.guarded
+
+
+def _by_teller(log_file: str) -> dict[int, list[str]]:
+    """What each process has said."""
+    told: dict[int, list[str]] = defaultdict(list)
+    for teller, text in LOG_FILE_LINE.findall(log_file):
+        told[int(teller)].append(text)
+    return told
+
+
+def _has(texts: list[str], pattern: re.Pattern[str]) -> bool:
+    return any(map(pattern.search, texts))
+
+
+def _collect_orphan(agent: Agent, since: float) -> tuple[int, int]:
+    """Pid and status of the agent that the watchdog has left to us."""
+    program = Path(agent.arguments[0]).name[:15]  # as the kernel cuts it
+    mine = [pid for pid in processes.children(os.getpid()) if pid != agent.pid]
+    left = [pid for pid in mine if processes.name(pid) == program]
+    assert len(left) == 1, f"agents that the watchdog has left: {left}"
+    _wait_end(left[0], since)
+    _, status = os.waitpid(left[0], 0)
+    return left[0], os.waitstatus_to_exitcode(status)
 
 
 def _wait_end(pid: int, since: float) -> None:
@@ -279,8 +297,9 @@ def kills(this: Round) -> None:
             life.calm()
             this.tally.counts["messages"] += life.check_delivery(complete=False, cut=len(killed))
             agent.signal(signal.SIGTERM)
-            assert agent.wait() == 0
-            wait_until(lambda: not agent.processes(), "the end of the agent that the watchdog leaves behind")
+            _wait_end(agent.pid, time.monotonic())
+            _, status = _collect_orphan(agent, time.monotonic())
+            assert (agent.wait(), status) == (0, 0), f"status {status} of the last one\n--- the log:\n{agent.log}\n---"
     finally:
         _reap_handlers()
 

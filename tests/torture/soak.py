@@ -43,13 +43,13 @@ SERVICE = "demo"
 BIG = 300_000  # bytes
 DESCRIPTORS = 65536  # the lab keeps some for each session that there has been
 
-# How much each may rise along the fitted line: in the short run, in the long one. The least that can be lost there, 32
-# bytes in each delivery, would be 5 MiB in an hour; 128 bytes in each session 300 KiB.
+# How much each may rise along the fitted line: in the short run, whose few samples say little, and in the long one. The
+# least that can be lost there, 32 bytes in each delivery, would be 5 MiB in an hour; 128 bytes in each session 300 KiB.
 BOUNDS = {
     "memory, KiB": (512, 192),
-    "descriptors": (2, 0.5),
-    "threads": (1, 0.25),
-    "zombies": (0.5, 0.1),
+    "descriptors": (4, 0.5),
+    "threads": (2, 0.25),
+    "zombies": (1, 0.1),
 }
 
 
@@ -162,7 +162,7 @@ class Soak:
         name = self.this.random.choice(list(self.actions))
         with contextlib.suppress(ChannelEnded, OSError):  # a session that has ended meanwhile
             self.actions[name]()
-        self.this.tally.counts[name] += 1
+            self.this.tally.counts[name] += 1
         time.sleep(max(0.0, begun + ACTION_GAP - time.monotonic()))
         self._settle()
 

@@ -18,6 +18,7 @@ from pathlib import Path
 
 from orvel_lab import Agent, Authority, DeadlinePassed, Lab, Reply, Session, Type
 from orvel_lab.channel import ChannelEnded
+from support import processes
 
 LOOK_AGAIN = 0.01
 TRY_AGAIN = 1.0
@@ -356,8 +357,8 @@ def _remove_rest(agent: Agent) -> list[int]:
 def adopted_ends() -> list[int]:
     """How agents ended whose parent was gone; this process has to be their reaper. Also reaps handlers' programs."""
     statuses = []
-    for pid in _children():
-        if "(orvel)" not in Path(f"/proc/{pid}/stat").read_text():
+    for pid in processes.children(os.getpid()):
+        if processes.name(pid) != "orvel":
             os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG)
         elif ended := _wait_end(pid):
             statuses.append(ended.si_status if ended.si_code == os.CLD_EXITED else -ended.si_status)
@@ -370,13 +371,3 @@ def _wait_end(pid: int) -> os.waitid_result | None:
     while (ended := os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG)) is None and time.monotonic() < limit:
         time.sleep(LOOK_AGAIN)
     return ended
-
-
-def _children() -> list[int]:
-    pids = []
-    for task in Path("/proc/self/task").iterdir():
-        try:
-            pids += map(int, (task / "children").read_text().split())
-        except FileNotFoundError:
-            pass  # a thread that has just ended
-    return pids

@@ -1,6 +1,6 @@
 // Preloaded: counts the calls of some functions by where they come from, and makes one of them fail.
 //
-// The counters live in a file that the experiment maps as well (tests/torture/faults.py knows the layout), so that they
+// The counters live in a file that the experiment maps as well (tests/torture/faulting/points.py knows the layout), so that they
 // are shared by the agent, its watchdog and its children. Programs other than the one named are left alone.
 //
 // A call from the program's own code is known by its path: the return addresses of the innermost frames that lie in the
@@ -29,7 +29,7 @@
 
 enum { path_depth = 4, most_sites = 16384, most_modules = 64, module_name_size = 120 };
 
-// The order is that of FUNCTIONS in faults.py.
+// The order is that of FUNCTIONS in points.py.
 enum function {
   f_malloc,
   f_calloc,
@@ -133,7 +133,7 @@ static uint32_t find_path(void* const* frame, uint64_t path[path_depth]) {
   return module;
 }
 
-// FNV-1a; faults.py computes the same.
+// FNV-1a; points.py computes the same.
 static uint64_t key_of(uint32_t function, uint32_t module, const uint64_t path[path_depth]) {
   uint64_t numbers[2 + path_depth] = {function, module};
   memcpy(numbers + 2, path, path_depth * sizeof *path);
