@@ -179,12 +179,12 @@ class Agent:
         return int(text) if text.isdigit() and int(text) in self.processes() else None
 
     def processes(self) -> list[int]:
-        """Every running process of this agent (itself, daemon, watchdog): known by the pid file, its alone.
+        """Every running process of this agent (itself, daemon, watchdog): known by pid file and control port.
 
-        Another network may have an agent with the same control port.
+        Another network may have an agent with the same port, and a test may give two agents the same pid file.
         """
-        mark = f"\0--pid_file\0{self.pid_file}\0".encode()
-        return [pid for pid in _all_pids() if mark in _command_line(pid)]
+        marks = [f"\0--pid_file\0{self.pid_file}\0".encode(), f"\0--control_port\0{self.control.port}\0".encode()]
+        return [pid for pid in _all_pids() if all(mark in _command_line(pid) for mark in marks)]
 
     def signal(self, number: int) -> None:
         self._process.send_signal(number)

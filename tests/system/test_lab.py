@@ -16,7 +16,17 @@ from pathlib import Path
 
 import pytest
 from lab_clients import HARDWARE_ID, SECONDS, ask, connected, trusting
-from orvel_lab import Agent, Authority, Control, DeadlinePassed, ExecutableSink, Lab, SanitizerReport, UnixSink
+from orvel_lab import (
+    Agent,
+    Authority,
+    Control,
+    DeadlinePassed,
+    ExecutableSink,
+    Lab,
+    SanitizerReport,
+    UnixSink,
+    wait_until,
+)
 from orvel_lab import settings as settings_file
 
 
@@ -245,7 +255,8 @@ class TestAgent:
     def test_it_ends_on_sigterm_with_its_exit_status(self, start_stand_in, lab: Lab):
         agent = start_stand_in("", "--more")
         agent.wait_for_line("ready")
-        assert agent.running and agent.returncode is None and agent.processes() == [agent.pid]
+        assert agent.running and agent.returncode is None
+        wait_until(lambda: agent.processes() == [agent.pid], "one process: a shell's child has its name until the exec")
         assert agent.stop() == 7
         assert not agent.running and agent.log.endswith("stopping")
         assert f"--hardware_id {HARDWARE_ID}" in agent.output and agent.output.endswith("--more\n")
