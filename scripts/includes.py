@@ -21,6 +21,7 @@ INCLUDE = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
 TITLE = re.compile(r"<title>([^<]+)</title>")
 # The rooms from above to below, with the colours of their modules and arrows.
 ROOMS = {
+    "src/ctl": ("#d9efec", "#1a7a70"),
     "src/core": ("#e8e8e8", "#606060"),
     "src/control": ("#f6dfc6", "#b06010"),
     "src/cloud": ("#d4e6f7", "#2060a0"),
@@ -29,6 +30,8 @@ ROOMS = {
     "src/delivery": ("#f3d9ea", "#a03078"),
     "platform/usi": ("#f5f0c4", "#80700a"),
 }
+
+TOP_ROOM = "src/ctl"
 
 
 def sources():
@@ -147,6 +150,10 @@ def check(needs):
     strangers = sorted(module for module in needs if room_of(module) not in ROOMS)
     if strangers:
         return f"no room of scripts/includes.py: {', '.join(strangers)}"
+    intruders = sorted(f"{module} -> {needed}" for module in needs for needed in needs[module]
+                       if room_of(needed) == TOP_ROOM != room_of(module))
+    if intruders:
+        return f"{TOP_ROOM} is a program of its own, which nobody includes: {', '.join(intruders)}"
     expected = set(needs) | {f"{module}->{needed}" for module, needed in drawn_arrows(needs)}
     different = sorted(expected ^ shown_in_picture())
     if different:

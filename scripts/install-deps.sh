@@ -7,13 +7,13 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libcurl4-openssl-dev libssl-dev zlib1g-dev libcjson-dev
+  libcurl4-openssl-dev libssl-dev zlib1g-dev libcjson-dev libcli11-dev
   python3 openssl
-  libgtest-dev libgmock-dev python3-pytest python3-pytest-xdist
+  libgtest-dev libgmock-dev libbenchmark-dev python3-pytest python3-pytest-xdist
   clang clang-format clang-tidy
   iproute2 util-linux procps
   squid tinyproxy-bin stunnel4 dante-server microsocks nftables
-  graphviz spin valgrind binutils
+  graphviz spin valgrind binutils zsh
 )
 
 # What brings a service along (init script, systemd unit). The tests run these programs by themselves, with their own
