@@ -71,6 +71,7 @@ run_style() {
 run_plain() {
   stage "release build and tests"
   build release
+  $python scripts/footprint.py build/bin/orvel
   run_tests build
 }
 

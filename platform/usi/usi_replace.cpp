@@ -90,16 +90,22 @@ int create(int folder, const char* name) {
   return usi_uninterrupted(attempt);
 }
 
-/// Gives the new file the mode and the owner of the one it replaces.
+/// Gives the new file the mode and the owner of the one it replaces. What is right already is not set again, which
+/// would cost the file system a transaction.
 int keep_attributes(const usi_place* place, int fd) {
+  struct stat fresh {};
+  if (fstat(fd, &fresh) < 0) return -errno;
   struct stat old {};
-  if (fstatat(place->folder.fd, place->name, &old, AT_SYMLINK_NOFOLLOW) < 0) {
-    if (errno != ENOENT) return -errno;
-    return fchmod(fd, S_IRUSR | S_IWUSR) < 0 ? -errno : 0;
+  mode_t mode = S_IRUSR | S_IWUSR;
+  if (fstatat(place->folder.fd, place->name, &old, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (!S_ISREG(old.st_mode)) return USI_NOT_A_FILE;
+    const bool same_owner = old.st_uid == fresh.st_uid && old.st_gid == fresh.st_gid;
+    if (!same_owner && fchown(fd, old.st_uid, old.st_gid) < 0) return -errno;
+    mode = old.st_mode & 07777;
+  } else if (errno != ENOENT) {
+    return -errno;
   }
-  if (!S_ISREG(old.st_mode)) return USI_NOT_A_FILE;
-  if (fchown(fd, old.st_uid, old.st_gid) < 0) return -errno;
-  return fchmod(fd, old.st_mode & 07777) < 0 ? -errno : 0;
+  return mode != (fresh.st_mode & 07777) && fchmod(fd, mode) < 0 ? -errno : 0;
 }
 
 int write_bytes(int fd, const char* bytes, size_t size) {

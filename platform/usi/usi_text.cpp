@@ -198,10 +198,17 @@ char* merge_lines(const usi_text* text, const usi_change* changes, size_t count,
 }  // namespace
 
 uint32_t usi_hash(const char* key, size_t key_size) {
-  uint32_t hash = 2166136261U;  // FNV-1a
-  for (size_t i = 0; i < key_size; ++i)
-    hash = (hash ^ static_cast<unsigned char>(key[i])) * 16777619U;
-  return hash;
+  uint64_t hash = key_size;
+  while (key_size > 0) {  // eight bytes at a time, the last ones filled up with zeros
+    uint64_t word = 0;
+    const size_t size = std::min(key_size, sizeof word);
+    memcpy(&word, key, size);
+    hash = (hash ^ word) * 0x9e3779b97f4a7c15U;  // the golden ratio: spreads every bit over those above it
+    hash ^= hash >> 32;
+    key += size;
+    key_size -= size;
+  }
+  return static_cast<uint32_t>(hash);
 }
 
 int usi_text_parse(usi_text* text, char* bytes, size_t size) {

@@ -5,12 +5,12 @@
 #include "core/log.h"
 #include "core/owned.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <vector>
 
 namespace {
 
@@ -19,6 +19,10 @@ constexpr char log_source[] = "net_helper";
 // A host may have any number of addresses, and all of them have to fit.
 constexpr size_t first_resolver_buffer = 1024;
 constexpr size_t max_resolver_buffer = 1024 * 1024;
+
+c_string resolver_buffer(size_t size) {
+  return c_string{static_cast<char*>(must_allocate(size, ALLOCATION("malloc().\n", 1)))};
+}
 
 int set_tcp_option(int fd, int option, int value) {
   return setsockopt(fd, IPPROTO_TCP, option, &value, sizeof value);
@@ -43,13 +47,17 @@ int socket_connect(const addrinfo* address) {
 }
 
 int resolve_ipv4(const char* host, in_addr* address, int* resolver_error) {
-  std::vector<char> buffer(first_resolver_buffer);
+  *resolver_error = 0;
+  // An address is its own answer. The resolver would say so, too, but looks at its configuration first.
+  if (inet_pton(AF_INET, host, address) == 1) return 0;
+  size_t size = first_resolver_buffer;
+  c_string buffer = resolver_buffer(size);
   hostent entry{};
   hostent* found = nullptr;
-  *resolver_error = 0;
-  while (gethostbyname_r(host, &entry, buffer.data(), buffer.size(), &found, resolver_error) == ERANGE &&
-         buffer.size() < max_resolver_buffer) {
-    buffer.resize(2 * buffer.size());
+  while (gethostbyname_r(host, &entry, buffer.get(), size, &found, resolver_error) == ERANGE &&
+         size < max_resolver_buffer) {
+    size *= 2;
+    buffer = resolver_buffer(size);
   }
   if (found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) return -1;
   std::memcpy(address, found->h_addr_list[0], sizeof *address);

@@ -12,8 +12,9 @@
 /// connect is a failed one. The caller owns the descriptor.
 [[nodiscard]] int socket_connect(const addrinfo* address);
 
-/// The first IPv4 address of `host` by gethostbyname_r(3): 0 and `*address` (network byte order), or -1 and
-/// `*resolver_error`, which hstrerror(3) puts in words. Blocks as long as the resolver does. Any thread.
+/// The first IPv4 address of `host` by gethostbyname_r(3), which four decimal numbers don't need: 0 and `*address`
+/// (network byte order), or -1 and `*resolver_error`, which hstrerror(3) puts in words. Blocks as long as the resolver
+/// does. Any thread.
 [[nodiscard]] int resolve_ipv4(const char* host, in_addr* address, int* resolver_error);
 
 /// Switches TCP keepalive on. 0, or -1 (logged).

@@ -17,21 +17,27 @@ bool stops(int (*callback)(packet_parser*), packet_parser* parser) {
   return callback != nullptr && callback(parser) != 0;
 }
 
+void end_chunk(packet_parser* parser, const packet_callbacks* callbacks, const unsigned char* chunk) {
+  // Intended: a chunk count of 0 wraps, and 255 further chunks are expected.
+  --parser->chunks_left;
+  if (callbacks->on_chunk != nullptr) callbacks->on_chunk(parser, chunk, parser->chunk_length);
+  parser->chunk_received = 0;
+  parser->chunk_length = 0;
+  parser->state = parser->chunks_left != 0 ? parser_state::expect_length_high : parser_state::complete;
+}
+
 // Takes as much of the current chunk as is there; the number of bytes taken.
 size_t take_chunk_data(packet_parser* parser, const packet_callbacks* callbacks, const unsigned char* bytes,
                        size_t n) {
   const auto missing = static_cast<size_t>(parser->chunk_length - parser->chunk_received);
+  if (missing <= n && parser->chunk_received == 0) {  // whole in one piece: no need for a copy
+    end_chunk(parser, callbacks, bytes);
+    return missing;
+  }
   const size_t count = std::min(n, missing);
   std::memcpy(parser->chunk_buffer + parser->chunk_received, bytes, count);
   parser->chunk_received = static_cast<uint16_t>(parser->chunk_received + count);
-  if (count < missing) return count;
-
-  // Intended: a chunk count of 0 wraps, and 255 further chunks are expected.
-  --parser->chunks_left;
-  if (callbacks->on_chunk != nullptr) callbacks->on_chunk(parser, parser->chunk_buffer, parser->chunk_length);
-  parser->chunk_received = 0;
-  parser->chunk_length = 0;
-  parser->state = parser->chunks_left != 0 ? parser_state::expect_length_high : parser_state::complete;
+  if (count == missing) end_chunk(parser, callbacks, parser->chunk_buffer);
   return count;
 }
 

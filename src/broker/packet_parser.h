@@ -23,14 +23,15 @@ struct packet_parser {
   uint8_t chunks_left;
   uint16_t chunk_length;
   uint8_t length_bytes[2];
-  unsigned char* chunk_buffer;  ///< owned, 65536 bytes
+  unsigned char* chunk_buffer;  ///< owned, 65536 bytes; for a chunk that comes in parts
   uint16_t chunk_received;
   AgentSettings* context;  ///< for callbacks that need it (today none does); not owned
 };
 
 /// What the parser calls; each may be null. on_start comes once, at the first byte; on_type and on_count after
-/// their byte, on_chunk with each whole non-empty chunk, on_packet after the packet's last byte. A result other
-/// than 0 stops the parser (see packet_parse); on_chunk can't stop it. session_callbacks leave on_start and on_count out.
+/// their byte, on_chunk with each whole non-empty chunk, whose bytes last as long as the call, on_packet after the
+/// packet's last byte. A result other than 0 stops the parser (see packet_parse); on_chunk can't stop it.
+/// session_callbacks leave on_start and on_count out.
 struct packet_callbacks {
   int (*on_start)(packet_parser* parser);
   int (*on_type)(packet_parser* parser);

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 namespace {
@@ -177,8 +176,10 @@ char* read_http_answer(net_connection* connection) {
 
 int http_proxy_connect_with_credentials(net_connection* connection, const char* host, int port,
                                         const char* user_name, const char* password) {
-  const std::string text = std::string{user_name} + ":" + password;
-  const c_string credentials{base64_encode(text.data(), text.size())};
+  const size_t text_length = std::strlen(user_name) + 1 + std::strlen(password);
+  const c_string text{static_cast<char*>(must_allocate(text_length + 1, ALLOCATION("malloc().\n", 1)))};
+  std::snprintf(text.get(), text_length + 1, "%s:%s", user_name, password);
+  const c_string credentials{base64_encode(text.get(), text_length)};
   const size_t length = 2 * std::strlen(host) + std::strlen(credentials.get()) + 95;
   const c_string request = cleared_request(length);
   // Intended: the blank between the credentials and the end of their line.

@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 namespace {
 
@@ -20,7 +19,8 @@ constexpr uint8_t socks5_version = 5;
 constexpr uint8_t connect_command = 1;
 constexpr uint8_t ipv4_address_type = 1;
 constexpr uint8_t socks4_granted = 90;
-constexpr char password_negotiation_version = 1;
+constexpr uint8_t password_negotiation_version = 1;
+constexpr size_t longest_setting = 127;  // characters; what config_get_copy() gives at most
 
 constexpr uint8_t method_none = 0;
 constexpr uint8_t method_gssapi = 1;
@@ -95,14 +95,11 @@ int negotiate_method(net_connection* connection) {
   return reply[1];
 }
 
-// Lengths fit a byte: the settings give at most 127 characters.
-std::string password_request(const std::string& user_name, const std::string& password) {
-  std::string request{password_negotiation_version};
-  for (const std::string& text : {user_name, password}) {
-    request += static_cast<char>(text.size());
-    request += text;
-  }
-  return request;
+// A text behind its length.
+unsigned char* put_short_text(unsigned char* position, const char* text) {
+  const size_t length = std::strlen(text);
+  *position = static_cast<unsigned char>(length);
+  return put_bytes(position + 1, text, length);
 }
 
 int send_password(net_connection* connection) {
@@ -112,9 +109,11 @@ int send_password(net_connection* connection) {
     log_error("Authentification is required. Username and/or password is not present.\n");
     return -1;
   }
-  const std::string request = password_request(user_name.get(), password.get());
+  unsigned char request[1 + 2 * (1 + longest_setting)] = {password_negotiation_version};
+  const unsigned char* end = put_short_text(put_short_text(request + 1, user_name.get()), password.get());
+  const auto size = static_cast<size_t>(end - request);
   errno = 0;
-  if (proxy_write(connection, request.data(), request.size()) != static_cast<int>(request.size())) {
+  if (proxy_write(connection, request, size) != static_cast<int>(size)) {
     log_error("Cannot send SOCKS5 autorization request, errno=%d - %s.\n", errno, std::strerror(errno));
     return -1;
   }

@@ -34,6 +34,8 @@ constexpr char log_source[] = "qbroker_connection";
 
 constexpr uint32_t default_broker_port = 443;
 constexpr size_t read_size = 4096;
+// So many reads go on without a look at anything else: a flood must not keep a command or the heartbeat waiting.
+constexpr int reads_at_once = 16;
 
 using parser_ptr = std::unique_ptr<packet_parser, releaser<packet_parser_free>>;
 
@@ -122,12 +124,16 @@ void set_own_keepalives_if_set(broker_session* session) {
   log_debug("keepalives values are set.\n");
 }
 
-enum class read_result { more_later, ended };
+enum class read_result {
+  more_now,    // TLS holds bytes that the socket doesn't show
+  more_later,  // nothing more is here
+  ended,
+};
 
-// Reads what is there, and everything that TLS has already decrypted.
+// Reads what is there, and what TLS has already taken from the socket.
 read_result read_packets(broker_session* session) {
   unsigned char bytes[read_size];
-  do {
+  for (int reads = 0; reads < reads_at_once; ++reads) {
     const int count = conn_read(session->connection, bytes, sizeof bytes);
     if (count < 0) return read_result::ended;
     if (count == 0) {
@@ -137,8 +143,9 @@ read_result read_packets(broker_session* session) {
       return read_result::ended;
     }
     packet_parse(session->parser, &session_callbacks, bytes, static_cast<size_t>(count));
-  } while (conn_pending(session->connection) > 0);
-  return read_result::more_later;
+    if (!conn_buffered(session->connection)) return read_result::more_later;
+  }
+  return read_result::more_now;
 }
 
 // True when the connection is to be closed.
@@ -194,13 +201,16 @@ int beat_if_due(broker_session* session, heartbeat_timer* timer) {
 session_end serve_connection(broker_session* session) {
   heartbeat_timer timer = start_heartbeat_timer(session->settings->agent_heartbeat);
   pollfd watched[] = {{session->connection->socket, POLLIN, 0}, {session->command_read_end, POLLIN, 0}};
-  while (keep_connection != 0) {                                     // model: session.still
-    if (poll(watched, std::size(watched), wait_limit(timer)) < 0) {  // model: session.poll
+  read_result last = read_result::more_later;
+  while (keep_connection != 0) {  // model: session.still
+    const int limit = last == read_result::more_now ? 0 : wait_limit(timer);
+    if (poll(watched, std::size(watched), limit) < 0) {  // model: session.poll
       if (errno == EINTR) continue;
       log_error("select error %d.\n", errno);
       return session_end::failed;
     }
-    if (watched[0].revents != 0 && read_packets(session) == read_result::ended) return session_end::failed;
+    if (watched[0].revents != 0 || last == read_result::more_now) last = read_packets(session);
+    if (last == read_result::ended) return session_end::failed;
     if (watched[1].revents != 0 && carry_out_command(session)) return session_end::closed;
     if (beat_if_due(session, &timer) != 0) return session_end::closed;
   }
@@ -217,6 +227,7 @@ session_end run_session(broker_session* session, const broker_address& address) 
   if (keepalives_sent) set_own_keepalives_if_set(session);
   set_connected(1);
   set_nonblocking(session->connection);
+  conn_read_ahead(session->connection);
   log_debug("Reading packet header.\n");
   const parser_ptr parser{packet_parser_create(session->settings)};
   if (!keepalives_sent) return session_end::failed;

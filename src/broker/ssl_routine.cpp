@@ -118,7 +118,8 @@ int read_plain(int socket, void* buffer, size_t size) {
 }
 
 int read_tls(SSL* ssl, void* buffer, size_t size) {
-  ERR_clear_error();
+  if (ERR_peek_error() != 0)
+    ERR_clear_error();  // looking costs less than clearing what is nearly always clear
   errno = 0;
   const int result = SSL_read(ssl, buffer, openssl_size(size));
   const int saved_errno = errno;
@@ -191,6 +192,14 @@ int conn_write(net_connection* connection, const void* buffer, size_t size) {
 
 int conn_pending(net_connection* connection) {
   return connection->ssl != nullptr ? SSL_pending(connection->ssl) : 0;
+}
+
+void conn_read_ahead(net_connection* connection) {
+  if (connection->ssl != nullptr) SSL_set_read_ahead(connection->ssl, 1);
+}
+
+bool conn_buffered(net_connection* connection) {
+  return connection->ssl != nullptr && SSL_has_pending(connection->ssl) == 1;
 }
 
 int conn_close(net_connection* connection) {

@@ -28,8 +28,17 @@ int conn_read(net_connection* connection, void* buffer, size_t size);
 /// logged and returned, not completed.
 int conn_write(net_connection* connection, const void* buffer, size_t size);
 
-/// Decrypted bytes that wait inside the TLS session; 0 for a plain connection.
+/// Decrypted bytes that wait inside the TLS session; 0 for a plain connection. Nothing in the agent calls it today:
+/// after conn_read_ahead() it doesn't tell all, and conn_buffered() does.
 int conn_pending(net_connection* connection);
+
+/// From now on a TLS session takes from the socket what is there, not just the record that is being read: one
+/// system call for a record instead of two. Whoever waits for the socket has to ask conn_buffered() first.
+void conn_read_ahead(net_connection* connection);
+
+/// True when bytes wait inside the TLS session, decrypted or not, be it only a part of a record: they are to be read
+/// although the socket may stay silent.
+bool conn_buffered(net_connection* connection);
 
 /// Releases TLS and closes the socket. 0; -1 for a null connection. The record itself stays the caller's.
 int conn_close(net_connection* connection);

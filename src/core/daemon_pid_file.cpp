@@ -4,11 +4,11 @@
 #include "core/owned.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,13 +53,14 @@ bool give_name(const char* fresh, const char* path) {
 int create_pid_file(const char* path) {
   struct stat present {};
   if (lstat(path, &present) == 0) return not_created;  // before anything is written: the disk may be full
-  const std::string fresh = std::string{path} + '.' + std::to_string(getpid());
-  unlink(fresh.c_str());  // left by a process with the same id
-  fd_owner file{open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660)};
+  char fresh[PATH_MAX + 16];  // a name that does not fit is too long for a file anyway
+  std::snprintf(fresh, sizeof fresh, "%s.%d", path, getpid());
+  unlink(fresh);  // left by a process with the same id
+  fd_owner file{open(fresh, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0660)};
   if (!file.valid()) return not_created;
   const int filled = fill(path, file.get());
-  const bool named = filled == 0 && give_name(fresh.c_str(), path);
-  if (unlink(fresh.c_str()) != 0 && errno != ENOENT) log_error("remove_file() %s\n", path);
+  const bool named = filled == 0 && give_name(fresh, path);
+  if (unlink(fresh) != 0 && errno != ENOENT) log_error("remove_file() %s\n", path);
   if (named) return file.release();
   return filled == 0 ? not_created : -1;
 }

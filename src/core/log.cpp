@@ -4,6 +4,7 @@
 #include "core/owned.h"
 #include "core/sync.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -23,10 +24,17 @@ struct log_state {
   /// Pauses that a full disk may still cost. Shared by all lines until one gets through again, so that a disk
   /// that stays full delays the program once and not at every line.
   int space_waits GUARDED_BY(writer) = space_wait_limit;
+  /// The time stamp of the line before, which most lines of a burst share.
+  time_t stamp_time GUARDED_BY(writer) = no_time;
+  char stamp[256] GUARDED_BY(writer) = {};
+  /// This process; 0: not asked for yet. Not guarded: a forked child forgets it.
+  std::atomic<pid_t> process{0};
 
   static constexpr int space_wait_limit = 100;
+  static constexpr time_t no_time = -1;
 };
 constinit log_state state{};
+static_assert(std::atomic<pid_t>::is_always_lock_free);
 
 constexpr timespec space_wait{0, 50'000'000};
 
@@ -111,18 +119,26 @@ bool choose_target(message* m) {
   return true;
 }
 
-bool format_line(const message& m, formatted* line) {
-  char stamp[256];
-  tm local{};
+// Brings the time stamp up to date.
+bool update_stamp() REQUIRES(state.writer) {
   const time_t now = std::time(nullptr);
-  if (now == time_t{-1} || localtime_r(&now, &local) == nullptr) return false;
-  if (std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local) == 0) return false;
+  if (now == log_state::no_time) return false;
+  if (now == state.stamp_time) return true;
+  state.stamp_time = log_state::no_time;
+  tm local{};
+  if (localtime_r(&now, &local) == nullptr) return false;
+  if (std::strftime(state.stamp, sizeof state.stamp, "%Y-%m-%d %H:%M:%S", &local) == 0) return false;
+  state.stamp_time = now;
+  return true;
+}
 
+bool format_line(const message& m, formatted* line) REQUIRES(state.writer) {
+  if (!update_stamp()) return false;
   const char* tag = tags[m.effective_level];
   const bool done = m.effective_level >= effective_other_event
-                        ? format_text(line, "%s %s: %s", stamp, tag, m.content.text)
-                        : format_text(line, "%s (%d):%s:%d\t%s: %s", stamp, m.process, m.source, m.line, tag,
-                                      m.content.text);
+                        ? format_text(line, "%s %s: %s", state.stamp, tag, m.content.text)
+                        : format_text(line, "%s (%d):%s:%d\t%s: %s", state.stamp, m.process, m.source, m.line,
+                                      tag, m.content.text);
   if (!done) errno = ENOMEM;
   return done;
 }
@@ -180,6 +196,14 @@ bool write_to_file(const message& m) REQUIRES(state.writer) {
   return close(file.release()) == 0;
 }
 
+pid_t own_process() {
+  pid_t process = state.process.load(std::memory_order_relaxed);
+  if (process != 0) return process;
+  process = getpid();
+  state.process.store(process, std::memory_order_relaxed);
+  return process;
+}
+
 // The log can't report its own trouble through itself.
 void report_failure() {
   constexpr char text[] = "Log rotation function failed\n";
@@ -210,7 +234,7 @@ __attribute__((format(printf, 5, 0))) void write_arguments(pid_t process, int le
 void log_write(int level, const char* source, int line, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  write_arguments(getpid(), level, source, line, format, arguments);
+  write_arguments(own_process(), level, source, line, format, arguments);
   va_end(arguments);
 }
 
@@ -222,5 +246,6 @@ void log_write_as(pid_t process, int level, const char* source, int line, const 
 }
 
 void log_after_fork() {
+  state.process.store(0, std::memory_order_relaxed);
   rotation_after_fork();
 }

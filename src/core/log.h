@@ -31,8 +31,8 @@ void log_write(int level, const char* source, int line, const char* format, ...)
 void log_write_as(pid_t process, int level, const char* source, int line, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
-/// Call in a freshly forked process that goes on logging, before it opens or closes any descriptor: it has no
-/// compression thread.
+/// Call in a freshly forked process that goes on logging, before it opens or closes any descriptor: it has another
+/// process id and no compression thread.
 void log_after_fork();
 
 // The calls as modules use them: each source file names its module in `log_source`, and a call whose level is

@@ -25,6 +25,7 @@
 #include <cerrno>
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <openssl/ssl.h>
 #include <pthread.h>
 
@@ -35,6 +36,14 @@ constexpr char log_source[] = "orvel";
 constexpr uint32_t default_aggressive_time = 120;  // seconds
 
 // --- before the agent runs
+
+// One heap for all threads. With one for each, as the C library gives them by itself, what a thread has freed is no use
+// to the others, and a device's memory is spent several times over.
+void share_one_heap() {
+#ifdef M_ARENA_MAX
+  mallopt(M_ARENA_MAX, 1);
+#endif
+}
 
 void log_profile_path() {
   const char* path = usiGetCurrentProfile();
@@ -170,7 +179,7 @@ void run_main_thread(AgentSettings* settings) {
 }  // namespace
 
 int run_program(int argc, char** argv) {
-  install_new_handler();
+  share_one_heap();
   options.log_file = default_log_file;
   AgentSettings settings{};
   if (parse_args(argc, argv, &settings) != 0) {

@@ -84,7 +84,3 @@ struct allocation_site {
 
 /// Logs and ends the process as `site` says.
 [[noreturn]] void allocation_failed(const allocation_site& site);
-
-/// Makes a failed `new` in the standard library end the process like any other failed allocation (status 1).
-/// Called once by the entry function.
-void install_new_handler();

@@ -4,13 +4,6 @@
 #include "core/log.h"
 
 #include <cstring>
-#include <new>
-
-namespace {
-
-constexpr char log_source[] = "orvel";
-
-}  // namespace
 
 void allocation_failed(const allocation_site& site) {
   log_write(level_error, site.source, site.line, "%s", site.text);
@@ -30,8 +23,4 @@ char* must_copy(const char* text, const allocation_site& site) {
 
 char* must_copy_if_any(const char* text, const allocation_site& site) {
   return text != nullptr ? must_copy(text, site) : nullptr;
-}
-
-void install_new_handler() {
-  std::set_new_handler([] { allocation_failed(ALLOCATION("malloc().\n", 1)); });
 }

@@ -73,11 +73,11 @@ message_ptr wait_for_message(mt_queue* queue) {
 }
 
 message_ptr next_message(mt_queue* queue) {
-  if (mt_queue_is_empty(queue) != 0) return wait_for_message(queue);           // model: next.test, next.wait
-  message_ptr message{static_cast<queued_message*>(mt_queue_dequeue(queue))};  // model: next.take
-  if (!message) return wait_for_message(queue);
+  void* item = nullptr;
+  // model: next.test, next.take
+  if (mt_queue_take(queue, &item) == 0) return wait_for_message(queue);  // model: next.wait
   log_debug("Getting message from queue.\n");
-  return message;
+  return message_ptr{static_cast<queued_message*>(item)};
 }
 
 // True when the worker has nothing left to do and no longer counts.

@@ -22,8 +22,7 @@ struct started_program {
   started_program* next;
 };
 
-// The programs that nobody has waited for yet. The lock is held from before the fork until the program is on the
-// list, so that whoever looks for ended children finds also one that ended at once.
+// The programs that nobody has waited for yet.
 struct program_list {
   sync_mutex lock{lock_rank::leaf};
   started_program* first GUARDED_BY(lock) = nullptr;
@@ -62,7 +61,8 @@ int open_pipe(pipe_ends* pipe) {
   return -1;
 }
 
-// From here to the exec runs the child of a process with many threads: no log, no lock, no memory from the heap.
+// From here to the exec runs the child of a process with many threads, in that process's memory: no log, no lock,
+// nothing from the heap, and nothing is changed that the parent looks at later.
 
 [[noreturn]] void give_up(int report, child_step step) {
   const child_failure failure{step, errno};
@@ -108,22 +108,32 @@ void close_others_on_exec() {
   give_up(report, child_step::execute);
 }
 
-// The child's process id, or -1 (logged).
-pid_t start_program(const char* path, const pipe_ends& message, const pipe_ends& report) {
+// Whoever looks for ended children while this one wasn't listed yet has missed its end, so that is asked for here.
+void list_program(pid_t pid) {
   auto* program =
       static_cast<started_program*>(must_allocate(sizeof(started_program), ALLOCATION("malloc().\n", 1)));
   const scoped_lock lock{programs.lock};
-  const pid_t pid = fork();
+  if (waitpid(pid, nullptr, WNOHANG) != 0) {
+    std::free(program);
+    return;
+  }
+  *program = {pid, programs.first};
+  programs.first = program;
+}
+
+// The child's process id, or -1 (logged). A vfork() costs the same however much memory the agent has; it stands still in
+// this thread until the child is the program or has given up.
+pid_t start_program(const char* path, const pipe_ends& message, const pipe_ends& report) {
+  const pid_t pid = vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
   if (pid == 0) {
+    // NOLINTNEXTLINE(clang-analyzer-unix.Vfork)
     become_program(path, message.read_end.get(), message.write_end.get(), report.write_end.get());
   }
   if (pid < 0) {
     log_error("fork(), errno: %d.\n", errno);
-    std::free(program);
     return -1;
   }
-  *program = {pid, programs.first};
-  programs.first = program;
+  list_program(pid);
   return pid;
 }
 

@@ -24,13 +24,14 @@ int count_endpoints(const char* value) {
 }
 
 endpoint_text endpoint_at(const char* value, int index) {
-  const std::string_view text = nth_part(value, index);
+  std::string_view text = nth_part(value, index);
   const size_t colon = text.find(':');
   endpoint_text endpoint{};
   endpoint.has_port = colon != std::string_view::npos;
   if (endpoint.has_port) {
     copy_cut(endpoint.address, endpoint_address_size, text.substr(0, colon));
-    copy_cut(endpoint.port, sizeof endpoint.port, text.substr(colon + 1));
+    text.remove_prefix(colon + 1);
+    copy_cut(endpoint.port, sizeof endpoint.port, text);
   } else {
     copy_cut(endpoint.address, sizeof endpoint.address, text);
   }

@@ -5,6 +5,7 @@
 #include "core/sync.h"
 
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -22,7 +23,8 @@ struct mt_queue {
   sync_mutex lock{lock_rank::delivery_queue};
   queue_node* head GUARDED_BY(lock) = nullptr;
   queue_node* tail GUARDED_BY(lock) = nullptr;
-  uint32_t dropped GUARDED_BY(lock) = 0;  ///< since creation; printed as a signed number
+  queue_node* spare GUARDED_BY(lock) = nullptr;  ///< nodes of items that have left, for those to come
+  uint32_t dropped GUARDED_BY(lock) = 0;         ///< since creation; printed as a signed number
   int32_t count GUARDED_BY(lock) = 0;
   uint32_t memory GUARDED_BY(lock) = 0;  ///< sum of the charged sizes
 };
@@ -34,8 +36,17 @@ bool has_room(const mt_queue& queue, uint32_t size) REQUIRES(queue.lock) {
   return queue.count < queue_count_limit && memory_needed <= queue_memory_limit;
 }
 
+queue_node* unused_node(mt_queue& queue) REQUIRES(queue.lock) {
+  queue_node* node = queue.spare;
+  if (node == nullptr) {
+    return static_cast<queue_node*>(must_allocate(sizeof(queue_node), ALLOCATION("malloc().\n", 1)));
+  }
+  queue.spare = node->next;
+  return node;
+}
+
 void append(mt_queue& queue, void* item, uint32_t charged_size) REQUIRES(queue.lock) {
-  auto* node = static_cast<queue_node*>(must_allocate(sizeof(queue_node), ALLOCATION("malloc().\n", 1)));
+  queue_node* node = unused_node(queue);
   *node = {item, charged_size, nullptr};
   if (queue.tail != nullptr) {
     queue.tail->next = node;
@@ -47,15 +58,24 @@ void append(mt_queue& queue, void* item, uint32_t charged_size) REQUIRES(queue.l
   queue.memory += charged_size;
 }
 
-// The first node, now the caller's, or null.
-queue_node* unlink_first(mt_queue& queue) REQUIRES(queue.lock) {
+// Takes the first item; false when there is none.
+bool take_first(mt_queue& queue, void** item) REQUIRES(queue.lock) {
   queue_node* first = queue.head;
-  if (first == nullptr) return nullptr;
+  if (first == nullptr) return false;
   queue.head = first->next;
   if (queue.head == nullptr) queue.tail = nullptr;
   --queue.count;
   queue.memory -= first->charged_size;
-  return first;
+  *item = first->item;
+  first->next = queue.spare;
+  queue.spare = first;
+  return true;
+}
+
+void free_nodes(queue_node* first) {
+  while (first != nullptr) {
+    std::free(std::exchange(first, first->next));
+  }
 }
 
 }  // namespace
@@ -84,22 +104,18 @@ int mt_queue_enqueue(void* item, mt_queue* queue, uint32_t size) {
   return -1;
 }
 
+int mt_queue_take(mt_queue* queue, void** item) {
+  const scoped_lock lock{queue->lock};
+  return take_first(*queue, item) ? 1 : 0;  // model: queue.take
+}
+
 void* mt_queue_dequeue(mt_queue* queue) {
   if (queue == nullptr) {
     log_warning("Trying to dequeue uncreated queue.\n");
     return nullptr;
   }
-  queue_node* first = nullptr;
-  {
-    const scoped_lock lock{queue->lock};
-    first = unlink_first(*queue);  // model: queue.take
-  }
-  if (first == nullptr) {
-    log_warning("Trying to dequeue empty queue.\n");
-    return nullptr;
-  }
-  void* item = first->item;
-  std::free(first);
+  void* item = nullptr;
+  if (mt_queue_take(queue, &item) == 0) log_warning("Trying to dequeue empty queue.\n");
   return item;
 }
 
@@ -119,9 +135,8 @@ void mt_queue_destroy(mt_queue* queue) {
   }
   {
     const scoped_lock lock{queue->lock};
-    while (queue_node* first = unlink_first(*queue)) {
-      std::free(first);
-    }
+    free_nodes(queue->head);
+    free_nodes(queue->spare);
   }
   pthread_mutex_destroy(&queue->lock.handle);
   std::free(queue);

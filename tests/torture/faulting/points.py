@@ -28,6 +28,7 @@ FUNCTIONS = {
     "connect": [errno.ECONNREFUSED, errno.EINTR],
     "pipe": [errno.EMFILE],
     "fork": [errno.EAGAIN],
+    "vfork": [errno.EAGAIN],
     "pthread_create": [errno.EAGAIN],
     "rename": [errno.EIO],
     "renameat": [errno.EIO],

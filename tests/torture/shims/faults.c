@@ -46,6 +46,7 @@ enum function {
   f_connect,
   f_pipe,
   f_fork,
+  f_vfork,
   f_pthread_create,
   f_rename,
   f_renameat,
@@ -419,6 +420,13 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, s
 
 pid_t fork(void) {
   FAIL(f_fork, -1);
+  REAL("fork", pid_t(*)(void));
+  return real();
+}
+
+// A function that is called can't return twice on one stack, so the child gets a memory of its own.
+pid_t vfork(void) {
+  FAIL(f_vfork, -1);
   REAL("fork", pid_t(*)(void));
   return real();
 }

@@ -236,6 +236,15 @@ TEST(ResolveIpv4, GivesTheFirstAddress) {
   EXPECT_EQ(resolver_error, 0);
 }
 
+TEST(ResolveIpv4, AnAddressIsNotLookedUp) {
+  const resolver_that_needs resolver{1};  // and then finds another one
+  in_addr address{};
+  int resolver_error = -1;
+  EXPECT_EQ(resolve_ipv4("127.0.0.2", &address, &resolver_error), 0);
+  EXPECT_EQ(ntohl(address.s_addr), INADDR_LOOPBACK + 1);
+  EXPECT_EQ(resolver_error, 0);
+}
+
 TEST(ResolveIpv4, AnyNumberOfAddressesFits) {
   const resolver_that_needs resolver{size_t{20} * 1024};
   in_addr address{};

@@ -284,6 +284,22 @@ TEST_F(TlsConnection, PendingCountsTheDecryptedBytes) {
   EXPECT_EQ(conn_pending(&pair_.connection), 6);
 }
 
+TEST_F(TlsConnection, ReadAheadKeepsTheNextRecordForTheNextRead) {
+  connect_well([](SSL* ssl) {
+    SSL_write(ssl, "one", 3);
+    SSL_write(ssl, "two", 3);
+  });
+  server_->finish();  // both records have arrived
+  EXPECT_FALSE(conn_buffered(&pair_.connection));
+  conn_read_ahead(&pair_.connection);
+  char buffer[16];
+  EXPECT_EQ(conn_read(&pair_.connection, buffer, sizeof buffer), 3);
+  EXPECT_EQ(conn_pending(&pair_.connection), 0);
+  EXPECT_TRUE(conn_buffered(&pair_.connection));
+  EXPECT_EQ(conn_read(&pair_.connection, buffer, sizeof buffer), 3);
+  EXPECT_EQ(std::string(buffer, 3), "two");
+}
+
 TEST_F(TlsConnection, AReadThatWouldBlockIsNoDataForNow) {
   connect_well(read_to_end);
   EXPECT_EQ(set_nonblocking(&pair_.connection), 0);
@@ -373,6 +389,8 @@ TEST(PlainConnection, ReadsWhatIsThere) {
   char buffer[16];
   EXPECT_EQ(conn_read(&pair.connection, buffer, sizeof buffer), 3);
   EXPECT_EQ(conn_pending(&pair.connection), 0);
+  conn_read_ahead(&pair.connection);
+  EXPECT_FALSE(conn_buffered(&pair.connection));
 }
 
 TEST(PlainConnection, AReadThatWouldBlockIsNoDataForNow) {
@@ -443,44 +461,4 @@ TEST(PlainConnection, AFailedNonBlockingIsLogged) {
   log_capture log;
   EXPECT_EQ(set_nonblocking(&closed), -1);
   EXPECT_THAT(log.text(), testing::ContainsRegex("DEBUG: ssl_routine:set_nonblocking:[0-9]+: error 9\n"));
-}
-
-TEST(SslErrors, AreDescribedByCode) {
-  struct {
-    int code;
-    const char* text;
-  } const cases[] = {
-      {0, "openssl read error: 'SSL_ERROR_NONE', errno: 'Broken pipe'.\n"},
-      {1, "openssl read error: 'SSL_ERROR_SSL', errno: 'Broken pipe'.\n"},
-      {2, "openssl read error: '2', errno: 'Broken pipe'.\n"},
-      {3, "openssl read error: '3', errno: 'Broken pipe'.\n"},
-      {4, "openssl read error: 'SSL_ERROR_WANT_X509_LOOKUP', errno: 'Broken pipe'.\n"},
-      {5, "openssl read error: 'SSL_ERROR_SYSCALL', errno: 'Broken pipe'.\n"},
-      {6, "openssl read error: 'SSL_ERROR_ZERO_RETURN', errno: 'Broken pipe'.\n"},
-      {7, "openssl read error: '7', errno: 'Broken pipe'.\n"},
-      {99, "openssl read error: '99', errno: 'Broken pipe'.\n"},
-  };
-  for (const auto& [code, text] : cases) {
-    log_capture log;
-    options.log_level = 5;  // written whatever the level is
-    describe_ssl_error(code, EPIPE);
-    EXPECT_THAT(log.text(), HasSubstr(text));
-  }
-}
-
-TEST(SslErrors, TheQueueIsPrintedOldestFirstAndEmptied) {
-  OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS, nullptr);
-  ERR_clear_error();
-  ERR_raise(ERR_LIB_SSL, SSL_R_NO_CIPHERS_AVAILABLE);
-  ERR_raise(ERR_LIB_SSL, SSL_R_BAD_LENGTH);
-  log_capture log;
-  print_openssl_errors();
-  const std::string text = log.text();
-  const size_t first = text.find("openssl error: 'error:0A0000B5:SSL routines::no ciphers available'.\n");
-  const size_t second = text.find("openssl error: 'error:0A00010F:SSL routines::bad length'.\n");
-  EXPECT_NE(first, std::string::npos) << text;
-  EXPECT_NE(second, std::string::npos) << text;
-  EXPECT_LT(first, second);
-  EXPECT_THAT(text, HasSubstr("WARNING: error:0A0000B5:SSL routines::no ciphers available\n"));
-  EXPECT_EQ(ERR_peek_error(), 0UL);
 }

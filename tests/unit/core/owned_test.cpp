@@ -164,15 +164,4 @@ TEST(AllocationFailureTest, EndsTheProcessWhenABlockCantBeHad) {
   EXPECT_THAT(messages(result.output), ElementsAre("WARNING: malloc()."));
 }
 
-TEST(AllocationFailureTest, TheStandardLibrarysAllocationsEndTheProcessToo) {
-  if (under_sanitizer) GTEST_SKIP() << "the sanitizer's allocator aborts";
-  const child_outcome result = run_logging_child([] {
-    install_new_handler();
-    ::operator delete(::operator new(too_much));
-    return 0;
-  });
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(messages(result.output), ElementsAre("WARNING: malloc()."));
-}
-
 }  // namespace

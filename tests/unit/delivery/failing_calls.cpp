@@ -64,8 +64,9 @@ int pipe2(int* ends, int flags) noexcept {
   return fails("pipe2") ? failure(-1) : real_function<decltype(pipe2)>("pipe2")(ends, flags);
 }
 
-pid_t fork() noexcept {
-  return fails("fork") ? failure(-1) : real_function<decltype(fork)>("fork")();
+// A fork: the child of a real vfork() would return through this frame and destroy it.
+pid_t vfork() noexcept {
+  return fails("vfork") ? failure(-1) : fork();
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {

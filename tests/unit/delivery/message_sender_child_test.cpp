@@ -237,7 +237,7 @@ TEST_F(MessageSenderChild, MissingPipeIsLogged) {
 
 TEST_F(MessageSenderChild, FailedForkIsLogged) {
   log_capture log;
-  const failing_call failing{"fork", EAGAIN};
+  const failing_call failing{"vfork", EAGAIN};
   deliver("/bin/true", "lost");
   EXPECT_THAT(messages(log.text()), ElementsAre("WARNING: fork(), errno: 11."));
 }

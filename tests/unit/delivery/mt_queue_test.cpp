@@ -41,6 +41,32 @@ TEST(MtQueue, EmptiedQueueTakesItemsAgain) {
   }
 }
 
+TEST(MtQueue, TakingSaysWhetherThereWasAnItemAndLogsNothing) {
+  const queue_ptr queue{mt_queue_create()};
+  int item = 0;
+  void* taken = nullptr;
+  log_capture log;
+  EXPECT_EQ(mt_queue_take(queue.get(), &taken), 0);
+  EXPECT_EQ(mt_queue_enqueue(&item, queue.get(), 1), 0);
+  EXPECT_EQ(mt_queue_take(queue.get(), &taken), 1);
+  EXPECT_EQ(taken, &item);
+  EXPECT_EQ(mt_queue_take(queue.get(), &taken), 0);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST(MtQueue, ItemsThatComeAndGoInWavesKeepTheirOrder) {
+  const queue_ptr queue{mt_queue_create()};
+  int items[100] = {};
+  for (const int wave : {1, 100, 3, 50}) {
+    for (int i = 0; i < wave; ++i) {
+      ASSERT_EQ(mt_queue_enqueue(&items[i], queue.get(), 1), 0);
+    }
+    for (int i = 0; i < wave; ++i) {
+      ASSERT_EQ(mt_queue_dequeue(queue.get()), &items[i]) << i << " of " << wave;
+    }
+  }
+}
+
 TEST(MtQueue, ThousandItemsFitAndEachFurtherOneIsCountedAsDropped) {
   const queue_ptr queue{mt_queue_create()};
   int item = 0;
