@@ -13,7 +13,7 @@ packages=(
   clang clang-format clang-tidy
   iproute2 util-linux procps
   squid tinyproxy-bin stunnel4 dante-server microsocks nftables
-  graphviz spin valgrind binutils zsh
+  graphviz spin valgrind binutils zsh mandoc
 )
 
 # What brings a service along (init script, systemd unit). The tests run these programs by themselves, with their own
