@@ -4,7 +4,7 @@
 # usage: test.sh [STAGE ...]      (default: all, in this order)
 #   style     clang-format, include circles and their picture, sizes, docs/behaviour.md against the tests
 #   plain     release build, unit and system tests
-#   clang     clang build with -Wthread-safety, clang-tidy
+#   clang     clang build with -Wthread-safety, the benchmark's programs too; clang-tidy
 #   install   cmake --install, and a second build against the installed settings library
 #   asan      all tests under the address, leak and undefined-behaviour sanitizers
 #   tsan      all tests under the thread sanitizer
@@ -28,7 +28,8 @@ stage() {
 
 own_sources() {
   git ls-files -co --exclude-standard -- 'src/*.h' 'src/*.cpp' 'platform/*.h' 'platform/*.cpp' 'fuzz/*.h' \
-    'fuzz/*.cpp' 'tests/*.h' 'tests/*.cpp' 'tests/*.c'
+    'fuzz/*.cpp' 'bench/*.h' 'bench/*.cpp' 'bench/*.c' 'examples/*.c' 'examples/*.cpp' 'tests/*.h' 'tests/*.cpp' \
+    'tests/*.c'
 }
 
 build() {
@@ -77,8 +78,9 @@ run_plain() {
 
 run_clang() {
   stage "clang build with thread-safety analysis, clang-tidy"
-  CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF >/dev/null
-  cmake --build build-clang
+  CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF -DORVEL_BENCH=ON \
+    >/dev/null
+  cmake --build build-clang --target all bench_programs
   git ls-files -co --exclude-standard -- 'src/*.cpp' 'platform/*.cpp' |
     xargs -P "$jobs" -n 4 clang-tidy -p build-clang --quiet 2>/dev/null
 }
