@@ -198,17 +198,19 @@ char* merge_lines(const usi_text* text, const usi_change* changes, size_t count,
 }  // namespace
 
 uint32_t usi_hash(const char* key, size_t key_size) {
+  constexpr uint64_t golden_ratio = 0x9e3779b97f4a7c15U;
   uint64_t hash = key_size;
   while (key_size > 0) {  // eight bytes at a time, the last ones filled up with zeros
     uint64_t word = 0;
     const size_t size = std::min(key_size, sizeof word);
     memcpy(&word, key, size);
-    hash = (hash ^ word) * 0x9e3779b97f4a7c15U;  // the golden ratio: spreads every bit over those above it
+    hash = (hash ^ word) * golden_ratio;
     hash ^= hash >> 32;
     key += size;
     key_size -= size;
   }
-  return static_cast<uint32_t>(hash);
+  // A product carries bits upwards only: a second one takes those of the last bytes, too, to where all have met.
+  return static_cast<uint32_t>((hash * golden_ratio) >> 32);
 }
 
 int usi_text_parse(usi_text* text, char* bytes, size_t size) {

@@ -118,8 +118,8 @@ int read_plain(int socket, void* buffer, size_t size) {
 }
 
 int read_tls(SSL* ssl, void* buffer, size_t size) {
-  if (ERR_peek_error() != 0)
-    ERR_clear_error();  // looking costs less than clearing what is nearly always clear
+  // Looking costs less than clearing what is nearly always clear.
+  if (ERR_peek_error() != 0) ERR_clear_error();
   errno = 0;
   const int result = SSL_read(ssl, buffer, openssl_size(size));
   const int saved_errno = errno;

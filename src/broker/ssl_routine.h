@@ -28,8 +28,8 @@ int conn_read(net_connection* connection, void* buffer, size_t size);
 /// logged and returned, not completed.
 int conn_write(net_connection* connection, const void* buffer, size_t size);
 
-/// Decrypted bytes that wait inside the TLS session; 0 for a plain connection. Nothing in the agent calls it today:
-/// after conn_read_ahead() it doesn't tell all, and conn_buffered() does.
+/// Decrypted bytes that wait inside the TLS session; 0 for a plain connection. After conn_read_ahead() that isn't all:
+/// ask conn_buffered().
 int conn_pending(net_connection* connection);
 
 /// From now on a TLS session takes from the socket what is there, not just the record that is being read: one

@@ -130,7 +130,7 @@ pid_t start_program(const char* path, const pipe_ends& message, const pipe_ends&
     become_program(path, message.read_end.get(), message.write_end.get(), report.write_end.get());
   }
   if (pid < 0) {
-    log_error("fork(), errno: %d.\n", errno);
+    log_error("fork(), errno: %d.\n", errno);  // the name that log readers know
     return -1;
   }
   list_program(pid);

@@ -5,28 +5,26 @@
 #include "core/sync.h"
 
 #include <new>
-#include <utility>
 
 namespace {
 
 constexpr char log_source[] = "mt_queue";
 
-struct queue_node {
+struct queue_entry {
   void* item;
   uint32_t charged_size;
-  queue_node* next;
 };
 
 }  // namespace
 
+// A ring: nothing is allocated for an item that comes, so that nothing small is left between big items that have gone.
 struct mt_queue {
   sync_mutex lock{lock_rank::delivery_queue};
-  queue_node* head GUARDED_BY(lock) = nullptr;
-  queue_node* tail GUARDED_BY(lock) = nullptr;
-  queue_node* spare GUARDED_BY(lock) = nullptr;  ///< nodes of items that have left, for those to come
-  uint32_t dropped GUARDED_BY(lock) = 0;         ///< since creation; printed as a signed number
-  int32_t count GUARDED_BY(lock) = 0;
+  uint32_t dropped GUARDED_BY(lock) = 0;  ///< since creation; printed as a signed number
+  int first GUARDED_BY(lock) = 0;         ///< where the oldest item is
+  int count GUARDED_BY(lock) = 0;
   uint32_t memory GUARDED_BY(lock) = 0;  ///< sum of the charged sizes
+  queue_entry entries[queue_count_limit] GUARDED_BY(lock);
 };
 
 namespace {
@@ -36,46 +34,21 @@ bool has_room(const mt_queue& queue, uint32_t size) REQUIRES(queue.lock) {
   return queue.count < queue_count_limit && memory_needed <= queue_memory_limit;
 }
 
-queue_node* unused_node(mt_queue& queue) REQUIRES(queue.lock) {
-  queue_node* node = queue.spare;
-  if (node == nullptr) {
-    return static_cast<queue_node*>(must_allocate(sizeof(queue_node), ALLOCATION("malloc().\n", 1)));
-  }
-  queue.spare = node->next;
-  return node;
-}
-
 void append(mt_queue& queue, void* item, uint32_t charged_size) REQUIRES(queue.lock) {
-  queue_node* node = unused_node(queue);
-  *node = {item, charged_size, nullptr};
-  if (queue.tail != nullptr) {
-    queue.tail->next = node;
-  } else {
-    queue.head = node;
-  }
-  queue.tail = node;
+  queue.entries[(queue.first + queue.count) % queue_count_limit] = {item, charged_size};
   ++queue.count;
   queue.memory += charged_size;
 }
 
 // Takes the first item; false when there is none.
 bool take_first(mt_queue& queue, void** item) REQUIRES(queue.lock) {
-  queue_node* first = queue.head;
-  if (first == nullptr) return false;
-  queue.head = first->next;
-  if (queue.head == nullptr) queue.tail = nullptr;
+  if (queue.count == 0) return false;
+  const queue_entry& oldest = queue.entries[queue.first];
+  *item = oldest.item;
+  queue.memory -= oldest.charged_size;
+  queue.first = (queue.first + 1) % queue_count_limit;
   --queue.count;
-  queue.memory -= first->charged_size;
-  *item = first->item;
-  first->next = queue.spare;
-  queue.spare = first;
   return true;
-}
-
-void free_nodes(queue_node* first) {
-  while (first != nullptr) {
-    std::free(std::exchange(first, first->next));
-  }
 }
 
 }  // namespace
@@ -125,18 +98,13 @@ int mt_queue_is_empty(mt_queue* queue) {
     return -1;
   }
   const scoped_lock lock{queue->lock};
-  return queue->head == nullptr ? 1 : 0;  // model: queue.test
+  return queue->count == 0 ? 1 : 0;  // model: queue.test
 }
 
 void mt_queue_destroy(mt_queue* queue) {
   if (queue == nullptr) {
     log_warning("Trying to destroy uncreated queue.\n");
     return;
-  }
-  {
-    const scoped_lock lock{queue->lock};
-    free_nodes(queue->head);
-    free_nodes(queue->spare);
   }
   pthread_mutex_destroy(&queue->lock.handle);
   std::free(queue);

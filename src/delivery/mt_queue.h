@@ -21,8 +21,8 @@ struct mt_queue;
 /// Takes the first item. Null when the queue is empty or null (both logged).
 [[nodiscard]] void* mt_queue_dequeue(mt_queue* queue);
 
-/// As mt_queue_dequeue(), for who doesn't know whether there is an item: 1 and `*item`, or 0 and nothing is logged. Not
-/// for null.
+/// As mt_queue_dequeue(), for a caller that doesn't know whether there is an item: 1 and `*item`, or 0 and nothing is
+/// logged. Not for null.
 [[nodiscard]] int mt_queue_take(mt_queue* queue, void** item);
 
 /// 1 when the queue holds no item, 0 when it does, -1 when it is null (logged).

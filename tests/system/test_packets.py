@@ -73,6 +73,13 @@ class TestSplits:
         each_link.session.send(plain_message("h", payload), rest=rest)
         assert each_link.sink.expect() == payload
 
+    def test_nothing_is_left_behind_when_the_agent_looks_at_other_things_meanwhile(self, each_link: Link):
+        """It does so each 64 KiB, when TLS may hold bytes that the socket no longer shows."""
+        for size in range(61_000, 85_000, 500):
+            payload = random.Random(size).randbytes(size)
+            each_link.session.send(plain_message("h", payload))
+            assert each_link.sink.expect() == payload
+
 
 class TestChunks:
     def test_payload_chunks_are_joined(self, link: Link):

@@ -151,8 +151,25 @@ TEST(MtQueue, LinesCarryTheQueuesTag) {
   EXPECT_THAT(log.text(), testing::StartsWith("mt_queue: "));
 }
 
+TEST(MtQueue, AFullQueueKeepsItsOrderWhereverItBegins) {
+  const queue_ptr queue{mt_queue_create()};
+  int items[queue_count_limit] = {};
+  for (const int start : {1, 333, 999}) {
+    for (int i = 0; i < start; ++i) {
+      ASSERT_EQ(mt_queue_enqueue(&items[0], queue.get(), 1), 0);
+      ASSERT_EQ(mt_queue_dequeue(queue.get()), &items[0]);
+    }
+    for (int& item : items) {
+      ASSERT_EQ(mt_queue_enqueue(&item, queue.get(), 1), 0);
+    }
+    for (int& item : items) {
+      ASSERT_EQ(mt_queue_dequeue(queue.get()), &item);
+    }
+  }
+}
+
 // Leaks show under the address sanitizer.
-TEST(MtQueue, DestroyedQueueFreesItsNodesAndLeavesTheItems) {
+TEST(MtQueue, DestroyedQueueLeavesTheItems) {
   int items[2] = {1, 2};
   {
     const queue_ptr queue{mt_queue_create()};

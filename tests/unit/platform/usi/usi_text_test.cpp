@@ -3,6 +3,7 @@
 #include "usi.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -248,6 +249,20 @@ TEST(UsiText, KeysThatCanNotBeStoredAreTold) {
   };
   for (const auto& one : cases)
     EXPECT_EQ(usi_key_is_valid(one.key), one.valid) << one.key;
+}
+
+// The look-up takes the low bits and goes on from there: keys that differ only at their end must not gather.
+TEST(UsiText, KeysOfEqualLengthSpreadOverTheTable) {
+  for (const char* format :
+       {"q_%03d", "q_handler_%03d", "q_handler_ab%03d", "q_handler_abc_%03d", "q_handler_sensor_%03d"}) {
+    std::vector<bool> taken(1024);
+    for (int number = 0; number < 500; ++number) {
+      char key[64];
+      const int size = std::snprintf(key, sizeof key, format, number);
+      taken[usi_hash(key, static_cast<size_t>(size)) % taken.size()] = true;
+    }
+    EXPECT_GT(std::count(taken.begin(), taken.end(), true), 350) << format;  // by chance it would be 395
+  }
 }
 
 }  // namespace
