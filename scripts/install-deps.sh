@@ -13,7 +13,8 @@ packages=(
   clang clang-format clang-tidy
   iproute2 util-linux procps
   squid tinyproxy-bin stunnel4 dante-server microsocks nftables
-  graphviz spin valgrind binutils zsh mandoc
+  graphviz spin valgrind binutils
+  zsh mandoc shellcheck socat tshark python3-jsonschema
 )
 
 # What brings a service along (init script, systemd unit). The tests run these programs by themselves, with their own

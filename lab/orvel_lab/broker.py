@@ -53,6 +53,8 @@ class Session:
         self._channel = Channel(accepted, broker.listener.stopping, broker.context)
         self._released = Wake()
         self._raw = bytearray()
+        self._sent = Decoder()
+        self._sent_lock = threading.Lock()
         self._consumed: set[int] = set()
         self._ending = ""
         self._ended = threading.Event()
@@ -134,7 +136,10 @@ class Session:
         encoded = data.encode() if isinstance(data, Packet) else data
         pieces = cut(encoded, sizes, rest or max(1, len(encoded)))
         described = data.describe() if isinstance(data, Packet) else f"{len(encoded)} raw bytes"
-        self._tell(f"sends {described}", direction="out", bytes=encoded[:64].hex(" "), size=len(encoded))
+        with self._sent_lock:
+            packets = [packet.describe() for packet in self._sent.feed(encoded)]
+        shown = encoded[:64].hex(" ")
+        self._tell(f"sends {described}", direction="out", packets=packets, bytes=shown, size=len(encoded))
         for index, piece in enumerate(pieces):
             if index and gap:
                 self._channel.pause(gap)
@@ -227,12 +232,15 @@ class Session:
         while data := self._channel.read():
             self._raw += data
             for packet in decoder.feed(data):
-                encoded = packet.encode()
                 self.packets.append(packet)
-                self._tell(packet.describe(), direction="in", bytes=encoded[:64].hex(" "), size=len(encoded))
+                self._tell_received(packet.describe(), packet.raw)
                 self._behave(packet)
             self.packets.touch()
             self._broker.connections.touch()
+
+    def _tell_received(self, described: str, raw: bytes) -> None:
+        shown = raw[:64].hex(" ")
+        self._tell(described, direction="in", packets=[described], bytes=shown, size=len(raw))
 
     def _behave(self, packet: Packet) -> None:
         if packet.type in IDENTITIES and self._plan and self._plan.kind.endswith("-after-identity"):

@@ -14,7 +14,7 @@ from pathlib import Path
 from typing import Any
 
 from .lab import HARDWARE_ID
-from .playground import LAB_FILE, Options, Playground, Refusal, timeline_entry
+from .playground import LAB_FILE, Options, Playground, Refusal, moment_of, timeline_entry
 from .scripted_proxy import KINDS
 from .waiting import DEADLINE
 
@@ -105,7 +105,10 @@ def parser() -> argparse.ArgumentParser:
     shown = command("status", status, "show devices, sessions, requests and received messages")
     shown.add_argument("--json", action="store_true", help="as a JSON document")
     traced = command("trace", trace, "show packets and HTTP exchanges as they happen")
-    traced.add_argument("--json", action="store_true", help="one JSON document a line")
+    form = traced.add_mutually_exclusive_group()
+    form.add_argument("--json", action="store_true", help="one JSON document a line")
+    form.add_argument("--packets", action="store_true", help="the packets of the broker link alone, one a line")
+    traced.add_argument("--recorded", action="store_true", help="what has happened so far, in place of what will")
     return top
 
 
@@ -197,8 +200,10 @@ def status(options: argparse.Namespace) -> None:
 
 
 def trace(options: argparse.Namespace) -> None:
-    for event in exchange(options.dir, {"do": "trace"}):
-        print(json.dumps(event) if options.json else trace_entry(event), flush=True)
+    show = json.dumps if options.json else packet_lines if options.packets else trace_entry
+    for event in exchange(options.dir, {"do": "trace", "recorded": options.recorded}):
+        if text := show(event):
+            print(text, flush=True)
 
 
 # Talking to the lab.
@@ -276,6 +281,14 @@ def trace_entry(event: dict[str, Any]) -> str:
     if "message" in details:
         lines += shown("", details["message"])
     return "\n             ".join(lines)
+
+
+def packet_lines(event: dict[str, Any]) -> str:
+    """The packets that an event has completed: when, in which session, from whom, and what the dissector says too."""
+    details = event["details"]
+    sender = "agent" if details.get("direction") == "in" else "broker"
+    packets = details.get("packets", [])
+    return "\n".join(f"{moment_of(event)} {details['session']} {sender:6} {packet}" for packet in packets)
 
 
 def shown(mark: str, text: str) -> list[str]:

@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import base64
 import collections
+import copy
 import hashlib
 import json
 import socket
@@ -56,6 +57,8 @@ class Request:
     connection: int
     time: float = field(default_factory=time.time)
     status: int | None = None  # of the reply, once that has been begun
+    reply: Reply | None = None  # the same
+    scripted: bool = False  # is the reply a script's?
 
     @property
     def path(self) -> str:
@@ -282,7 +285,7 @@ class Cloud(Listening):
             script = self._scripts.get(request.kind)
             if script:
                 reply = script.popleft()
-                reply.taken = True
+                reply.taken = request.scripted = True
                 return reply
         return self._default_reply(request)
 
@@ -294,7 +297,7 @@ class Cloud(Listening):
             channel.pause(reply.delay, reply.released)
         if reply.stall:
             channel.pause(None, reply.released)
-        request.status = _status_of(encoded)
+        request.reply, request.status = reply, _status_of(encoded)
         self._requests.touch()
         self._tell_exchange(request, encoded)
         channel.write(encoded[reply.stall_at :])
@@ -315,7 +318,7 @@ class Cloud(Listening):
             return Reply(200, {"_type": "Device", "deviceId": known.id, "claimed": known.claimed})
         if request.kind == DISCOVERY:
             return Reply(200, {})
-        return Reply(200, self.advice)
+        return Reply(200, copy.copy(self.advice))
 
     def _reply_to_register(self, request: Request) -> Reply:
         try:

@@ -17,11 +17,14 @@ RETRY_SECONDS = 0.05
 class Control:
     def __init__(self, port: int) -> None:
         self.port = port
+        self.requests: list[tuple[dict[str, Any], int]] = []  # documents and their results
+        self.replies: list[bytes] = []  # to these, and to what was no document
 
     def request(self, document: dict[str, Any], deadline: float | None = None) -> int:
         """Sends a request and gives the result code of the reply."""
         reply = self.exchange(json.dumps(document).encode(), deadline=deadline)
-        return json.loads(reply)["result"]
+        self.requests.append((document, json.loads(reply)["result"]))
+        return self.requests[-1][1]
 
     def command(self, name: str, deadline: float | None = None, **members: Any) -> int:
         """For instance command("on_claim", service="s", claimed=True)."""
@@ -36,7 +39,9 @@ class Control:
             for piece in cut(data, sizes, rest or max(1, len(data))):
                 connection.sendall(piece)
             connection.shutdown(socket.SHUT_WR)
-            return _read_all(connection)
+            reply = _read_all(connection)
+            self.replies.append(reply)
+            return reply
 
     def connect(self, deadline: float | None = None) -> socket.socket:
         """A connection to the port, as soon as something listens there; the caller closes it."""

@@ -2,6 +2,8 @@
 
     type (1 byte), number of chunks (1 byte), then for each chunk its length (2 bytes) and its data;
     all numbers are big-endian
+
+An empty chunk ends its packet, whatever number was announced, and a number of 0 is read as 256.
 """
 
 from __future__ import annotations
@@ -9,10 +11,11 @@ from __future__ import annotations
 import enum
 import struct
 from collections.abc import Iterable, Iterator, Sequence
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 MAX_CHUNK = 65535
 MAX_CHUNKS = 255
+LONGEST_TEXT = 64  # of a name or token in a description
 
 
 class Type(enum.IntEnum):
@@ -30,6 +33,7 @@ class Type(enum.IntEnum):
 class Packet:
     type: int
     chunks: tuple[bytes, ...]
+    raw: bytes = field(default=b"", compare=False, repr=False)  # as it arrived
 
     def encode(self) -> bytes:
         if len(self.chunks) > MAX_CHUNKS:
@@ -67,13 +71,20 @@ class Packet:
         """The agent's clock in a heartbeat, in seconds since 1970."""
         return struct.unpack(">8xq", self.chunks[0])[0]
 
+    @property
+    def _shown(self) -> str:
+        """The first chunk in one short line."""
+        first = self.chunks[0] if self.chunks else b""
+        shown = "".join(chr(byte) if 32 <= byte < 127 else f"\\x{byte:02x}" for byte in first[:LONGEST_TEXT])
+        return f"{shown}..." if len(first) > LONGEST_TEXT else shown
+
     def describe(self) -> str:
-        """One line for a reader; never fails, whatever the packet holds."""
+        """One line for a reader, as the dissector of packaging/wireshark has it; never fails."""
         sizes = [len(chunk) for chunk in self.chunks]
         if self.type in (Type.IDENTITY_AGENT_ID, Type.IDENTITY_TOKEN):
-            return f"{self.name} '{self.text}'"
+            return f"{self.name} '{self._shown}'"
         if self.type == Type.PLAIN_MESSAGE and self.chunks:
-            return f"plain message for '{self.text}', {len(self.payload)} bytes in {len(self.chunks) - 1} chunks"
+            return f"plain message for '{self._shown}', {len(self.payload)} bytes in {len(self.chunks) - 1} chunks"
         if self.type == Type.KEEPALIVES and sizes == [12]:
             return "keepalives time {}, probes {}, interval {}".format(*self.keepalives)
         if self.type == Type.HEARTBEAT and sizes == [16]:
@@ -116,9 +127,8 @@ class Decoder:
 
     def feed(self, data: bytes) -> Iterator[Packet]:
         self._pending += data
-        while (decoded := self._first()) is not None:
-            packet, size = decoded
-            del self._pending[:size]
+        while (packet := self._first()) is not None:
+            del self._pending[: len(packet.raw)]
             yield packet
 
     @property
@@ -126,11 +136,12 @@ class Decoder:
         """The bytes of a packet that is not complete yet."""
         return bytes(self._pending)
 
-    def _first(self) -> tuple[Packet, int] | None:
+    def _first(self) -> Packet | None:
         if len(self._pending) < 2:
             return None
-        chunks, at = [], 2
-        for _ in range(self._pending[1]):
+        chunks: list[bytes] = []
+        at = 2
+        while len(chunks) < (self._pending[1] or 256) and (not chunks or chunks[-1]):
             if len(self._pending) < at + 2:
                 return None
             (length,) = struct.unpack_from(">H", self._pending, at)
@@ -138,4 +149,4 @@ class Decoder:
                 return None
             chunks.append(bytes(self._pending[at + 2 : at + 2 + length]))
             at += 2 + length
-        return Packet(self._pending[0], tuple(chunks)), at
+        return Packet(self._pending[0], tuple(chunks), bytes(self._pending[:at]))

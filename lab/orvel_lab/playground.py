@@ -206,7 +206,7 @@ class Playground:
 
     def _answers(self, request: dict[str, Any]) -> Iterator[dict[str, Any]]:
         if request["do"] == "trace":
-            yield from self._trace()
+            yield from self._trace(request["recorded"])
             return
         commands: dict[str, Callable[[dict[str, Any]], dict[str, Any]]] = {
             "send": self._send,
@@ -224,7 +224,10 @@ class Playground:
         except (Refusal, DeadlinePassed, ValueError, OSError) as error:
             yield {"error": str(error)}
 
-    def _trace(self) -> Iterator[dict[str, Any]]:
+    def _trace(self, recorded: bool) -> Iterator[dict[str, Any]]:
+        if recorded:
+            yield from (asdict(event) for event in self._events.snapshot())
+            return
         index = len(self._events)
         yield asdict(Event("lab", "trace begins"))
         while True:
@@ -320,9 +323,12 @@ def session_document(session: Session) -> dict[str, Any]:
     }
 
 
+def moment_of(event: dict[str, Any]) -> str:
+    return datetime.fromtimestamp(event["time"]).strftime("%H:%M:%S.%f")[:-3]
+
+
 def timeline_entry(event: dict[str, Any]) -> str:
-    moment = datetime.fromtimestamp(event["time"]).strftime("%H:%M:%S.%f")[:-3]
-    return f"{moment} {event['source']:8} {event['summary']}"
+    return f"{moment_of(event)} {event['source']:8} {event['summary']}"
 
 
 def prepare_network() -> None:

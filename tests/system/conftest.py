@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 import sys
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack
@@ -12,12 +13,25 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "lab"))
 
+from documents import bad_documents  # noqa: E402
 from orvel_lab import Authority, Lab  # noqa: E402  (found only now)
 from orvel_lab.network import private_network  # noqa: E402
 from orvel_lab.real_proxies import RealProxy  # noqa: E402
 from real_proxy_site import MakeSite, Site  # noqa: E402
 
 LABS = pytest.StashKey[list[Lab]]()
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    config.addinivalue_line("markers", "breaks(*schemas): the test says what does not fit these schemas, on purpose")
+    # Whoever starts the tests in the background, or by nohup, has these ignored, and programs would inherit that.
+    for number, action in {
+        signal.SIGINT: signal.default_int_handler,
+        signal.SIGQUIT: signal.SIG_DFL,
+        signal.SIGHUP: signal.SIG_DFL,
+    }.items():
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, action)
 
 
 @pytest.fixture(scope="session")
@@ -43,7 +57,10 @@ def own_network() -> Iterator[None]:
 
 @pytest.fixture
 def make_lab(request: pytest.FixtureRequest, tmp_path: Path, certs: Authority) -> Iterator[Callable[..., Lab]]:
-    """Starts labs with options of the test's own; they are stopped, and their agents checked, when it is over."""
+    """Starts labs with options of the test's own; they are stopped, and their agents checked, when it is over.
+
+    So is everything that was said, against the schemas, but for those that the mark `breaks` names.
+    """
     labs = request.node.stash.setdefault(LABS, [])
     with ExitStack() as stack:
 
@@ -54,6 +71,8 @@ def make_lab(request: pytest.FixtureRequest, tmp_path: Path, certs: Authority) -
             return lab
 
         yield make
+    tolerated = tuple(name for mark in request.node.iter_markers("breaks") for name in mark.args)
+    assert not [text for lab in labs for text in bad_documents(lab, tolerated=tolerated)]
 
 
 @pytest.fixture

@@ -16,8 +16,7 @@ PACKETS = [
     Packet(Type.IDENTITY_TOKEN, (b"token",)),
     Packet(Type.KEEPALIVES, (bytes(11) + b"\x05",)),
     Packet(Type.HEARTBEAT, (b"\0\0\0\0\0\0\0\x01" + b"\xff" * 8,)),
-    plain_message("handler", b"payload" * 100, [1, 2, 0, 3]),
-    Packet(99, ()),
+    plain_message("handler", b"payload" * 100, [1, 2, 3]),
     Packet(98, (b"",)),
     Packet(97, (b"x" * 65535,)),
     Packet(96, (b"y",) * 255),
@@ -46,6 +45,13 @@ class TestPackets:
         assert list(decoder.feed(b"\x01\x01\x00\x05abc")) == []
         assert decoder.pending == b"\x01\x01\x00\x05abc"
 
+    def test_an_empty_chunk_ends_a_packet_and_a_count_of_0_is_256(self):
+        early = b"\x02\xff\x00\x01h\x00\x00"
+        endless = b"\x02\x00" + b"\x00\x01x" * 256
+        packets = list(Decoder().feed(early + endless + early))
+        assert packets == [Packet(2, (b"h", b"")), Packet(2, (b"x",) * 256), Packet(2, (b"h", b""))]
+        assert [packet.raw for packet in packets] == [early, endless, early]
+
     def test_numbers_are_big_endian(self):
         keepalives = Packet(Type.KEEPALIVES, (bytes([0, 0, 1, 0, 0, 0, 0, 2, 0, 0, 0, 3]),))
         assert keepalives.keepalives == (256, 2, 3)
@@ -56,6 +62,10 @@ class TestPackets:
         for packet in PACKETS:
             assert packet.describe()
         assert Packet(Type.KEEPALIVES, (b"x",)).describe() == "keepalives with chunks of [1] bytes"
+        assert Packet(Type.IDENTITY_TOKEN, (b"\n\xff~",)).describe() == r"identity token '\x0a\xff~'"
+        assert Packet(Type.PLAIN_MESSAGE, (b"n" * 65,)).describe() == (
+            f"plain message for '{'n' * 64}...', 0 bytes in 0 chunks"
+        )
 
     def test_a_packet_too_large_for_the_format_is_refused(self):
         with pytest.raises(ValueError, match="65535"):

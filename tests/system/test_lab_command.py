@@ -225,6 +225,21 @@ def test_trace_shows_packets_and_exchanges_as_they_happen(up):
             assert lines[2].strip() == f"in: {IDENTITY.encode().hex(' ')}"
 
 
+def test_trace_shows_the_recorded_packets_one_a_line(up):
+    running = up()
+    with running.agent():
+        running.run("send", "tcp", "hello")
+        running.run("send", "agent", "hello", "--chunks", "2")
+    running.run("wait", "disconnected")
+    lines = [line.split(maxsplit=1)[1] for line in running.run("trace", "--packets", "--recorded").splitlines()]
+    assert lines == [
+        "1 agent  identity token 'lab-token'",
+        "1 broker plain message for 'tcp', 5 bytes in 1 chunks",
+        "1 broker plain message for 'agent', 5 bytes in 2 chunks",
+    ]
+    assert "opened from 127.0.0.1" in running.run("trace", "--recorded")
+
+
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_it_stops_clean_with_an_open_session_and_can_start_again(up, number: int):
     running = up()

@@ -366,6 +366,7 @@ class TestDaemonWithWatchdog:
             assert [os.readlink(f"/proc/{pid}/fd/{number}") for number in range(3)] == ["/dev/null"] * 3
         assert children(daemon.watchdog) == [daemon.child()]
 
+    @pytest.mark.breaks("state")
     @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGHUP], ids=lambda number: number.name)
     def test_a_killed_agent_and_a_hangup_of_it_lead_to_a_new_one(self, daemon: Guarded, number: signal.Signals):
         first = daemon.child()
