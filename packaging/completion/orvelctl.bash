@@ -14,8 +14,8 @@ _orvelctl_options_of() {  # the long options of a command
   esac
 }
 
-_orvelctl_handlers() {  # the names of the handlers that the settings file holds
-  sed -n 's/^[[:blank:]]*q_handler_\([^=[:blank:]]*\).*/\1/p' "${1:-/etc/orvel/settings}" 2>/dev/null
+_orvelctl_handlers() {  # the names of the handlers that the settings file holds, as far as a shell reads them as they stand
+  LC_ALL=C sed -n 's/^[[:blank:]]*q_handler_\([A-Za-z0-9_.-]\{1,\}\)[[:blank:]]*=.*/\1/p' "${1:-/etc/orvel/settings}" 2>/dev/null
 }
 
 _orvelctl() {
@@ -52,7 +52,10 @@ _orvelctl() {
   elif [[ -z $command ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
   elif [[ $command == send-test && $arguments -eq 0 ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "$(_orvelctl_handlers "$settings")" -- "$current")
+    # Without compgen -W, which would execute what it finds in the names.
+    while read -r word; do
+      if [[ $word == "$current"* ]]; then COMPREPLY+=("$word"); fi
+    done < <(_orvelctl_handlers "$settings")
   fi
 }
 

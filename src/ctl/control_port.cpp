@@ -53,13 +53,17 @@ int exchange(uint16_t port, const std::string& request, unsigned timeout, std::s
   agent.sin_port = htons(port);
   const time_limit limit = seconds_from_now(timeout);
   const fd_owner fd = connect_within(reinterpret_cast<const sockaddr*>(&agent), sizeof agent, limit);
-  if (!fd.valid() || send_request(fd.get(), request, limit) != 0) return -1;
-  return read_reply(fd.get(), reply, limit);
+  if (!fd.valid()) return -1;
+  const bool answered =
+      send_request(fd.get(), request, limit) == 0 && read_reply(fd.get(), reply, limit) == 0;
+  return answered ? 0 : -2;
 }
 
 int ask_agent(uint16_t port, const std::string& request, unsigned timeout, std::string* reply) {
-  if (exchange(port, request, timeout, reply) == 0) return exit_done;
+  const int result = exchange(port, request, timeout, reply);
+  if (result == 0) return exit_done;
   const std::string place = "127.0.0.1:" + std::to_string(port);
+  const std::string hint = result == -2 ? "; the request may have been executed, or may still be" : "";
   switch (errno) {
   case ECONNREFUSED:
     return complain(exit_unreachable,
@@ -71,9 +75,10 @@ int ask_agent(uint16_t port, const std::string& request, unsigned timeout, std::
         exit_timeout,
         "no answer from " + place + " within " + std::to_string(timeout) +
             " s: the agent serves one client at a time and may be busy with another one or with an "
-            "exchange; try again, or wait longer with --timeout");
+            "exchange; try again, or wait longer with --timeout" +
+            hint);
   default:
     return complain(exit_unreachable, "the exchange with " + place + " failed (" + std::strerror(errno) +
-                                          "): the agent may have ended; see orvelctl status");
+                                          "): the agent may have ended; see orvelctl status" + hint);
   }
 }

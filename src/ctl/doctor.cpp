@@ -3,6 +3,7 @@
 #include "ctl/build_time.h"
 #include "ctl/doctor_checks.h"
 #include "ctl/exit_status.h"
+#include "ctl/printable.h"
 
 #include <cstdio>
 #include <ctime>
@@ -14,8 +15,8 @@ int print_findings(const char* title, const findings& found) {
   int count = 0;
   std::printf("%s\n", title);
   for (const finding& one : found) {
-    std::printf("  %s %s\n", one.wrong ? "WRONG" : "ok   ", one.text.c_str());
-    if (one.wrong) std::printf("        -> %s\n", one.advice.c_str());
+    std::printf("  %s %s\n", one.wrong ? "WRONG" : "ok   ", printable(one.text).c_str());
+    if (one.wrong) std::printf("        -> %s\n", printable(one.advice).c_str());
     count += one.wrong ? 1 : 0;
   }
   return count;

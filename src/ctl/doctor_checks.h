@@ -26,7 +26,7 @@ inline finding wrong(std::string text, std::string advice) {
 
 /// The value of the setting `key` as one of the cloud's addresses.
 [[nodiscard]] finding check_url(const std::string& key, const std::string& value);
-/// The value of the setting `key` as a number; "" is not set, which is fine.
+/// The value of the setting `key` as a number, or as a port if it ends so; "" is not set, which is fine.
 [[nodiscard]] finding check_number(const std::string& key, const std::string& value);
 /// The clock's `now` against the time when this program was built.
 [[nodiscard]] finding check_clock(time_t now, time_t built);

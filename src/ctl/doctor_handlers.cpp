@@ -8,12 +8,16 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -74,21 +78,28 @@ bool listens_on_path(const std::string& path) {
   return false;
 }
 
-finding check_path(const std::string& what, const std::string& path) {
+finding check_path(const std::string& what, const std::string& path, const std::string& storage) {
   struct stat status {};
   if (path.empty() || path.front() != '/') {
     return wrong(what + ": neither host:port nor a path that begins with /", "write the whole path");
+  }
+  if (const std::string danger = watch_danger(path, storage); !danger.empty()) {
+    return wrong(what + " is dangerous: " + danger,
+                 "take it out of the setting, and see who has put it there: no watch has");
   }
   if (is_watch_endpoint(path) && is_stale_watch(path)) {
     return wrong(what + " was left by a watch that was killed",
                  "run orvelctl watch once and end it with Ctrl-C: it takes such endpoints away");
   }
   if (stat(path.c_str(), &status) != 0) {
-    return wrong(what + ": there is no such program or socket",
+    return wrong(what + ": there is no such program or socket (" + std::strerror(errno) + ")",
                  "start or install the handler, or correct the path");
   }
   if (S_ISREG(status.st_mode)) {
-    if ((status.st_mode & S_IXUSR) == 0) return wrong(what + " is not executable", "chmod +x " + path);
+    if (faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) != 0) {
+      return wrong(what + " is not executable for this user (" + std::strerror(errno) + ")",
+                   "chmod +x " + path + ", or run doctor as the user that the agent runs as");
+    }
     return fine(what + ", a program");
   }
   if (!S_ISSOCK(status.st_mode)) return wrong(what + " is neither a file nor a socket", "correct the path");
@@ -99,7 +110,7 @@ finding check_path(const std::string& what, const std::string& path) {
   return wrong(what + ": nobody listens on this socket", "start the handler");
 }
 
-findings check_handler(const std::string& key, const std::string& value) {
+findings check_handler(const std::string& key, const std::string& value, const std::string& storage) {
   findings found;
   const int count = count_endpoints(value.c_str());
   const bool all_served = key == std::string{key_prefix} + "event_sink";
@@ -120,7 +131,8 @@ findings check_handler(const std::string& key, const std::string& value) {
     if (shown.find_first_of(" \t") != std::string::npos) {
       found.push_back(wrong(what + ": a blank", "write endpoints without blanks, separated by commas alone"));
     } else {
-      found.push_back(endpoint.has_port ? check_tcp(what, endpoint) : check_path(what, endpoint.address));
+      found.push_back(endpoint.has_port ? check_tcp(what, endpoint)
+                                        : check_path(what, endpoint.address, storage));
     }
   }
   return found;
@@ -149,7 +161,8 @@ bool listens_on(std::string_view table, uint32_t address, uint16_t port) {
 }
 
 findings check_handlers(const ctl_command_line& line) {
-  std::vector<std::string> keys = keys_in_file(storage_path(line.files), std::string{key_prefix});
+  const std::string storage = storage_path(line.files);
+  std::vector<std::string> keys = keys_in_file(storage, std::string{key_prefix});
   for (const std::string& key : keys_in_file(usiGetCurrentProfile(), std::string{key_prefix})) {
     if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
   }
@@ -157,7 +170,7 @@ findings check_handlers(const ctl_command_line& line) {
   for (const std::string& key : keys) {
     const std::string value = read_setting(key).value;
     if (value.empty()) continue;
-    for (finding& one : check_handler(key, value)) {
+    for (finding& one : check_handler(key, value, storage)) {
       found.push_back(std::move(one));
     }
   }

@@ -27,8 +27,9 @@ finding check_reachable(const std::string& what, const std::string& host, const 
                  "correct q_qcloud_proxy_hostname, or the device's name servers");
   }
   const address_list addresses{resolved};
+  const time_limit limit = seconds_from_now(timeout);
   for (const addrinfo* address = resolved; address != nullptr; address = address->ai_next) {
-    if (connect_within(address->ai_addr, address->ai_addrlen, seconds_from_now(timeout)).valid()) {
+    if (connect_within(address->ai_addr, address->ai_addrlen, limit).valid()) {
       return fine(place + " takes connections");
     }
   }

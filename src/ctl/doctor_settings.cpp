@@ -2,6 +2,7 @@
 
 #include "core/owned.h"
 
+#include <cstdlib>
 #include <curl/urlapi.h>
 
 namespace {
@@ -62,10 +63,14 @@ finding check_url(const std::string& key, const std::string& value) {
 finding check_number(const std::string& key, const std::string& value) {
   if (value.empty()) return fine(key + " is not set: the default counts");
   constexpr size_t longest_number = 15;  // the agent cuts a longer text
-  if (value.find_first_not_of("0123456789") == std::string::npos && value.size() <= longest_number) {
-    return fine(key + ": " + value);
+  if (value.find_first_not_of("0123456789") != std::string::npos || value.size() > longest_number) {
+    return wrong(key + " is no number: " + value, "write it in decimal digits, or unset it");
   }
-  return wrong(key + " is no number: " + value, "write it in decimal digits, or unset it");
+  const int64_t largest = key.ends_with("_port") ? UINT16_MAX : INT32_MAX;
+  if (std::strtoll(value.c_str(), nullptr, 10) > largest) {
+    return wrong(key + " is too large: " + value, "write at most " + std::to_string(largest));
+  }
+  return fine(key + ": " + value);
 }
 
 findings check_urls_and_numbers() {

@@ -1,12 +1,14 @@
 #include "ctl/exit_status.h"
 
+#include "ctl/printable.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 int complain(int status, const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "orvelctl: %s\n", text.c_str());
+  std::fprintf(stderr, "orvelctl: %s\n", printable(text).c_str());
   return status;
 }
 

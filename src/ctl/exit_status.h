@@ -14,7 +14,7 @@ constexpr int exit_unreachable = 69;
 constexpr int exit_file = 74;
 constexpr int exit_timeout = 75;
 
-/// Prints "orvelctl: TEXT" and a line end to standard error. Returns `status`.
+/// Prints "orvelctl: TEXT", printable(), and a line end to standard error. Returns `status`.
 int complain(int status, const std::string& text);
 
 /// `status` when everything printed to standard output got out; otherwise complains and returns exit_file.

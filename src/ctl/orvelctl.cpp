@@ -5,6 +5,7 @@
 #include "ctl/control_port.h"
 #include "ctl/doctor.h"
 #include "ctl/exit_status.h"
+#include "ctl/printable.h"
 #include "ctl/send_test.h"
 #include "ctl/status.h"
 #include "ctl/watch.h"
@@ -13,8 +14,11 @@
 #include <cstdio>
 #include <iostream>
 #include <iterator>
+#include <unistd.h>
 
 namespace {
+
+constexpr size_t most_shown = 200;  // of what some other program on the port says
 
 int run_request(const ctl_command_line& line) {
   std::string reply;
@@ -23,8 +27,8 @@ int run_request(const ctl_command_line& line) {
   if (status != exit_done) return status;
   const std::optional<int> result = parse_reply(reply);
   if (!result)
-    return complain(exit_unreachable,
-                    "that was no answer of the agent: " + reply + " (is --control_port right?)");
+    return complain(exit_unreachable, "that was no answer of the agent: " + printable(reply, most_shown) +
+                                          " (is --control_port right?)");
   const std::string words = result_in_words(line.request->command, *result);
   if (*result != 0) return complain(result_status(*result), words);
   std::puts(words.c_str());
@@ -37,7 +41,7 @@ int run_raw(const ctl_command_line& line) {
   std::string reply;
   const int status = ask_agent(line.control_port, request, line.timeout, &reply);
   if (status != exit_done) return status;
-  std::puts(reply.c_str());
+  std::puts((isatty(STDOUT_FILENO) == 1 ? printable(reply) : reply).c_str());
   const std::optional<int> result = parse_reply(reply);
   if (!result)
     return complain(exit_unreachable, "that was no answer of the agent (is --control_port right?)");

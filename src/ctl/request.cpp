@@ -4,7 +4,9 @@
 #include "core/owned.h"
 #include "ctl/exit_status.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 namespace {
 
@@ -88,7 +90,7 @@ std::optional<int> parse_reply(const std::string& text) {
   const char* error_position = nullptr;
   const json_ptr document = parse_json(text.c_str(), &error_position);
   const cJSON* result = cJSON_GetObjectItemCaseSensitive(document.get(), "result");
-  if (cJSON_IsNumber(result) == 0) return std::nullopt;
+  if (cJSON_IsNumber(result) == 0 || result->valuedouble != result->valueint) return std::nullopt;
   return result->valueint;
 }
 
@@ -103,5 +105,7 @@ std::string result_in_words(const std::string& command, int result) {
 }
 
 int result_status(int result) {
-  return result <= 0 && result >= -10 ? -result : exit_other_code;
+  const bool known = std::any_of(std::begin(result_texts), std::end(result_texts),
+                                 [result](const result_text& one) { return one.result == result; });
+  return known && result <= 0 ? -result : exit_other_code;
 }

@@ -33,11 +33,12 @@ struct request_command {
 [[nodiscard]] std::string build_request(const request_command& command,
                                         const std::vector<std::optional<std::string>>& values);
 
-/// The result code in the agent's answer; none when the text is no such answer.
+/// The result code in the agent's answer, a whole number; none when the text is no such answer.
 [[nodiscard]] std::optional<int> parse_reply(const std::string& text);
 
 /// A result code in words, for the request `command` (member "command"; "" when it isn't known).
 [[nodiscard]] std::string result_in_words(const std::string& command, int result);
 
-/// The exit status for a result code: 0 for 0, 1 to 10 for -1 to -10, exit_other_code for others.
+/// The exit status for a result code: 0 for 0, 1 to 10 for those of -1 to -10 that have words, exit_other_code for
+/// others.
 [[nodiscard]] int result_status(int result);

@@ -4,7 +4,9 @@
 #include "core/options.h"
 #include "ctl/exit_status.h"
 #include "ctl/waiting.h"
+#include "ctl/watch_endpoint.h"
 #include "delivery/message_sender.h"
+#include "delivery/message_sender_endpoint.h"
 #include "delivery/mt_queue.h"
 #include "usi.h"
 
@@ -38,8 +40,20 @@ bool read_message(const std::string& file, std::string* message) {
   }
 }
 
+/// Would a delivery to a watch start a stranger's program? exit_done, or exit_wrong (complained).
+int check_watches(const std::string& endpoints, const std::string& storage) {
+  for (int index = 0; index < count_endpoints(endpoints.c_str()); ++index) {
+    const endpoint_text endpoint = endpoint_at(endpoints.c_str(), index);
+    const std::string danger = endpoint.has_port ? "" : watch_danger(endpoint.address, storage);
+    if (danger.empty()) continue;
+    return complain(exit_wrong, std::string{endpoint.address} + " is dangerous: " + danger +
+                                    "; take it out of the setting (orvelctl doctor)");
+  }
+  return exit_done;
+}
+
 /// Is there anything that the agent would deliver to? exit_done, or the exit status (complained).
-int check_handler(const std::string& handler) {
+int check_handler(const std::string& handler, const std::string& storage) {
   const setting own_name = read_setting("q_agent_handler_name");
   const setting endpoints = read_setting(("q_handler_" + handler).substr(0, longest_key));
   if (own_name.code < 0 || endpoints.code < 0) {
@@ -57,7 +71,7 @@ int check_handler(const std::string& handler) {
     return complain(exit_wrong, "there is no handler " + handler + ": set q_handler_" + handler +
                                     " to host:port, a program or a Unix socket");
   }
-  return exit_done;
+  return check_watches(endpoints.value, storage);
 }
 
 /// The child's part: delivers, with its log on the pipe.
@@ -133,7 +147,8 @@ delivery_line judge_delivery_line(const std::string& line) {
 }
 
 int run_send_test(const ctl_command_line& line) {
-  if (const int status = check_handler(line.handler); status != exit_done) return status;
+  const int status = check_handler(line.handler, storage_path(line.files));
+  if (status != exit_done) return status;
   std::string message = line.text.value_or("");
   if (!line.text && !read_message(line.file, &message)) {
     return complain(exit_file, "the message can't be read from " +

@@ -3,12 +3,11 @@
 #include "usi.h"
 
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <climits>
-#include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sys/file.h>
-#include <thread>
 
 namespace {
 
@@ -62,16 +61,28 @@ std::vector<std::string> keys_in_file(const std::string& path, const std::string
   return keys;
 }
 
-fd_owner lock_settings(const std::string& storage) {
+std::string folder_of_settings(const std::string& storage) {
+  const size_t slash = storage.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : storage.substr(0, slash);
+}
+
+fd_owner lock_settings(const std::string& storage, int interrupt) {
   constexpr int most_attempts = 200;
-  constexpr std::chrono::milliseconds pause{50};
+  constexpr int pause = 50;  // milliseconds
   // The folder, since each commit replaces the file itself.
-  const std::string folder = std::filesystem::absolute(storage).parent_path();
-  fd_owner fd{open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  fd_owner fd{open(folder_of_settings(storage).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   if (!fd.valid()) return fd;
   for (int attempt = 0; attempt < most_attempts; ++attempt) {
     if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
-    std::this_thread::sleep_for(pause);
+    pollfd watched{interrupt, POLLIN, 0};
+    if (poll(&watched, 1, pause) > 0) {
+      fd.reset();
+      errno = EINTR;
+      return fd;
+    }
   }
-  return {};
+  fd.reset();
+  errno = EWOULDBLOCK;
+  return fd;
 }

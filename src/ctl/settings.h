@@ -35,6 +35,10 @@ struct setting {
 /// be read.
 [[nodiscard]] std::vector<std::string> keys_in_file(const std::string& path, const std::string& prefix);
 
+/// The folder that a storage file is in, as far as its name tells.
+[[nodiscard]] std::string folder_of_settings(const std::string& storage);
+
 /// Keeps other orvelctl processes from changing the same storage file between a read and a write, until the result is
-/// closed. Waits a few seconds for them; none when it was in vain or there is no such folder.
-[[nodiscard]] fd_owner lock_settings(const std::string& storage);
+/// closed. Waits a few seconds for them, but no longer than until `interrupt` (a descriptor, or -1) is readable. None,
+/// with errno: EWOULDBLOCK when it was in vain, EINTR when it was interrupted, or why the folder can't be opened.
+[[nodiscard]] fd_owner lock_settings(const std::string& storage, int interrupt);

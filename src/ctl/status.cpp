@@ -5,6 +5,7 @@
 #include "ctl/connectivity.h"
 #include "ctl/exit_status.h"
 #include "ctl/pid_file.h"
+#include "ctl/printable.h"
 #include "usi.h"
 
 #include <cstdio>
@@ -55,10 +56,11 @@ std::string status_as_text(const agent_status& status) {
     text += value + '\n';
   };
   add("agent", status.running ? "running, pid " + std::to_string(status.pid) : "not running");
-  add("version", status.version.empty() ? "not known" : status.version);
+  add("version", status.version.empty() ? "not known" : printable(status.version));
   add("registered", yes_or_no(status.registered));
   add("claimed", yes_or_no(status.claimed));
-  add("connected", yes_or_no(status.connected) + (status.since.empty() ? "" : " since " + status.since));
+  add("connected",
+      yes_or_no(status.connected) + (status.since.empty() ? "" : " since " + printable(status.since)));
   return text;
 }
 

@@ -3,12 +3,16 @@
 from __future__ import annotations
 
 import json
+import os
+import pty
 import socket
+import subprocess
 import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 
 import pytest
+from documents import complaints
 from orvel_lab import DEADLINE, Agent, Lab, Reply
 from orvelctl_runner import Ctl, assert_complaint, run_orvelctl
 
@@ -83,6 +87,7 @@ class TestRequests:
         sent = line.text.partition("Received message ")[2].removesuffix(".")
         assert json.loads(sent) == request_text
         assert list(json.loads(sent)) == list(request_text)
+        assert complaints("control-request", request_text) == []
         agent.wait_for_line(log)
 
     def test_discover_announces_what_its_options_say(self, lab: Lab, agent: Agent):
@@ -140,17 +145,34 @@ class TestWithoutAnAnswer:
 
     def test_an_agent_that_serves_somebody_else_is_waited_for(self, lab: Lab, agent: Agent):
         with agent.control.connect():
-            Ctl(lab, agent).expect_error(TIMEOUT, "within 1 s", "--timeout", "1", "pause")
+            Ctl(lab, agent).expect_error(TIMEOUT, "may have been executed", "--timeout", "1", "pause")
         Ctl(lab, agent).expect(0, "done\n", "resume")
 
-    @pytest.mark.parametrize("answer", [b"", b"hello", b"{}", b'{"result":"0"}', b"[0]"])
+    @pytest.mark.parametrize("answer", [b"", b"hello", b"{}", b'{"result":"0"}', b'{"result":0.5}', b"[0]"])
     def test_some_other_program_listens(self, lab: Lab, answer: bytes):
         with server(answer) as port:
             Ctl(lab).expect_error(UNREACHABLE, "no answer of the agent", "--control_port", port, "pause")
 
-    def test_an_unknown_code_has_words_and_a_status_too(self, lab: Lab):
-        with server(b'{"result":77}') as port:
-            Ctl(lab).expect_error(11, "does not know: 77", "--control_port", port, "pause")
+    @pytest.mark.parametrize("code", [77, -2, -3, -6])
+    def test_an_unknown_code_has_words_and_a_status_too(self, lab: Lab, code: int):
+        with server(b'{"result":%d}' % code) as port:
+            Ctl(lab).expect_error(11, f"does not know: {code}", "--control_port", port, "pause")
+
+    def test_what_it_says_controls_no_terminal(self, lab: Lab):
+        with server(b"\x1b[2J\n" + b"x" * 1000) as port:
+            result = Ctl(lab).run("--control_port", port, "pause")
+        assert_complaint(result.stderr, "no answer of the agent: \\x1B[2J\\x0Axxx")
+        assert "\x1b" not in result.stderr and "x... (is" in result.stderr and len(result.stderr) < 400
+
+    def test_raw_shows_it_as_it_is_but_on_a_terminal(self, lab: Lab):
+        with server(b"\x1b[2J") as port:
+            assert Ctl(lab).run("--control_port", port, "raw", "{}").stdout == "\x1b[2J\n"
+        ours, theirs = pty.openpty()
+        with server(b"\x1b[2J") as port:
+            Ctl(lab).run("--control_port", port, "raw", "{}", capture_output=False, stdout=theirs, stderr=subprocess.DEVNULL)
+        assert os.read(ours, 100) == b"\\x1B[2J\r\n"
+        os.close(ours)
+        os.close(theirs)
 
     def test_an_endless_answer_is_given_up(self, lab: Lab):
         with server(b"x" * 70000) as port:

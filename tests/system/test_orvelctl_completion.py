@@ -77,6 +77,14 @@ class TestBash:
         assert complete("send-test", "lamp", "--file", f"{tmp_path}/") == {f"{tmp_path}/settings"}
         assert complete("doctor", "--ca_path", f"{tmp_path.parent}/{tmp_path.name[:-1]}") >= {str(tmp_path)}
 
+    @pytest.mark.parametrize("name", ["$(touch${IFS}pwned)", "`touch${IFS}pwned`", "lamp$(touch${IFS}pwned)", "a;touch${IFS}pwned"])
+    def test_names_are_no_commands(self, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, name: str):
+        monkeypatch.chdir(tmp_path)
+        (tmp_path / "settings").write_text(f"q_handler_{name}=x\nq_handler_l.2-b_C=x\n")
+        assert complete("-c", "settings", "send-test", "") == {"l.2-b_C"}
+        assert complete("-c", "settings", "send-test", "$(touch pwned)") == set()
+        assert list(tmp_path.iterdir()) == [tmp_path / "settings"]
+
 
 class TestZsh:
     text = ZSH.read_text()
@@ -101,6 +109,16 @@ class TestZsh:
         section = self.section(command)
         assert "_arguments $globals" in section
         assert set(re.findall(r"'(--[a-z_-]+)\[", section)) == options_in_help(command) - {"--help"}
+
+    def test_names_are_no_commands(self, tmp_path: Path):
+        if shutil.which("zsh") is None:
+            pytest.skip("there is no zsh")
+        (tmp_path / "settings").write_text("q_handler_$(touch${IFS}pwned)=x\nq_handler_`touch pwned`=x\n q_handler_lamp =x\n")
+        function = self.text.partition("_orvelctl_handlers() {")[2].partition("\n}\n")[0]
+        script = "settings=settings; compadd() { print -l -- $@ }; handlers_of() {" + function + "\n}; handlers_of"
+        said = subprocess.run(["zsh", "-c", script], cwd=tmp_path, capture_output=True, text=True, check=True)
+        assert (said.stdout.split(), said.stderr) == (["--", "lamp"], "")
+        assert list(tmp_path.iterdir()) == [tmp_path / "settings"]
 
     def test_its_syntax_is_right(self):
         if shutil.which("zsh") is None:

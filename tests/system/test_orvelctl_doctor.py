@@ -65,7 +65,6 @@ def test_a_running_agent_is_nothing_wrong(lab: Lab):
         ("q_qcloud_use_proxy", "1", "its address is not set"),
         ("q_handler_a", "127.0.0.1:{closed}", "nobody listens there"),
         ("q_handler_a", "127.0.0.1:70000", "no port between 1 and 65535"),
-        ("q_handler_a", "host.invalid:80", "no IPv4 address"),
         ("q_handler_a", "/nowhere/at/all", "no such program or socket"),
         ("q_handler_a", "/etc/passwd", "not executable"),
         ("q_handler_a", "/etc", "neither a file nor a socket"),
@@ -73,6 +72,7 @@ def test_a_running_agent_is_nothing_wrong(lab: Lab):
         ("q_handler_a", " /bin/cat", "a blank"),
         ("q_handler_a", "/bin/cat,/bin/cat", "several endpoints"),
         ("q_handler_" + "a" * 118, "/bin/cat", "longer than the agent reads"),
+        ("q_broker_port", "65536", "q_broker_port is too large"),
         ("q_handler_event_sink", "/bin/cat,/nowhere", "q_handler_event_sink /nowhere: there is no such"),
     ],
 )
@@ -89,6 +89,33 @@ def test_a_socket_on_which_nobody_listens_any_more(lab: Lab):
     assert_one_wrong(lab, "nobody listens on this socket")
 
 
+def test_a_handlers_host_that_has_no_address(own_network: None, lab: Lab):
+    lab.settings["q_handler_a"] = "host.invalid:80"
+    assert_one_wrong(lab, "no IPv4 address")
+
+
+def test_a_program_that_this_user_can_not_execute(lab: Lab):
+    program = lab.folder / "program_of_root"
+    program.write_text("#!/bin/sh\n")
+    program.chmod(0o644)
+    lab.settings["q_handler_a"] = str(program)
+    assert_one_wrong(lab, "is not executable for this user (Permission denied)")
+
+
+def test_a_program_in_place_of_a_watch_is_dangerous(lab: Lab, tmp_path: Path):
+    program = tmp_path / "orvelctl-watch-abC123" / "events"
+    program.parent.mkdir()
+    program.write_text("#!/bin/sh\n")
+    program.chmod(0o755)
+    lab.settings["q_handler_event_sink"] += f",{program}"
+    assert_one_wrong(lab, f"{program} is dangerous: it is no socket")
+
+
+def test_a_value_controls_no_terminal(lab: Lab):
+    lab.settings["q_advisor_delay"] = "\x1b[2J"
+    assert_one_wrong(lab, "q_advisor_delay is no number: \\x1B[2J")
+
+
 class TestProxy:
     def test_one_that_takes_connections(self, lab: Lab):
         lab.proxy("socks5")
@@ -100,11 +127,10 @@ class TestProxy:
         lab.settings.update({f"q_qcloud_{key}": value for key, value in proxy.items()})
         assert_one_wrong(lab, "can't be reached: Connection refused")
 
-    def test_a_name_that_does_not_resolve(self, lab: Lab):
+    def test_a_name_that_does_not_resolve(self, own_network: None, lab: Lab):
         proxy = {"use_proxy": "1", "proxy_hostname": "proxy.invalid", "proxy_port": "1"}
         lab.settings.update({f"q_qcloud_{key}": value for key, value in proxy.items()})
         assert_one_wrong(lab, "can't be resolved")
-
 
     def test_an_https_proxy_needs_the_devices_own_helper(self, own_network: None, lab: Lab):
         lab.proxy("https")

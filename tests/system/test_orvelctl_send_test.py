@@ -8,7 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
-from orvel_lab import Lab
+from orvel_lab import Lab, wait_until
 from orvelctl_runner import Ctl, assert_complaint
 
 WRONG, FILE, TIMEOUT = 1, 74, 75
@@ -98,6 +98,15 @@ class TestFailures:
     def test_a_name_without_a_setting(self, lab: Lab):
         Ctl(lab).expect_error(WRONG, "there is no handler lamp: set q_handler_lamp", "send-test", "lamp", "--text", "on")
 
+    def test_a_program_in_place_of_a_watch_is_not_started(self, lab: Lab, tmp_path: Path):
+        program = tmp_path / "orvelctl-watch-abC123" / "events"
+        program.parent.mkdir()
+        program.write_text(f"#!/bin/sh\ntouch {tmp_path}/started\n")
+        program.chmod(0o755)
+        lab.settings["q_handler_event_sink"] += f",{program}"
+        Ctl(lab).expect_error(WRONG, f"{program} is dangerous", "send-test", "event_sink", "--text", "on")
+        assert not (tmp_path / "started").exists()
+
     def test_the_agents_own_name(self, lab: Lab):
         Ctl(lab).expect_error(WRONG, "orvelctl raw", "send-test", "agent", "--text", "{}")
 
@@ -125,6 +134,7 @@ class TestFailures:
         lab.settings["q_handler_lamp"] = str(program)
         (tmp_path / "message").write_bytes(bytes(1000000))
         result = Ctl(lab).run("send-test", "lamp", "--file", tmp_path / "message", "--timeout", "2")
+        wait_until(lambda: (tmp_path / "pid").exists() and (tmp_path / "pid").read_text().endswith("\n"), "the program's pid")
         signal_program(tmp_path / "pid")
         assert (result.returncode, result.stdout) == (TIMEOUT, "")
         assert_complaint(last_line(result.stderr), "did not take the message within 2 s")

@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
+import fcntl
 import json
 import os
 import signal
+import socket
 import stat
 import subprocess
 import tempfile
 from collections.abc import Callable, Iterator
-from contextlib import suppress
+from contextlib import contextmanager, suppress
 from pathlib import Path
 
 import pytest
@@ -21,8 +23,9 @@ KEY = "q_handler_event_sink"
 
 @pytest.fixture
 def runtime() -> Iterator[Path]:
-    """A short folder for the sockets, as XDG_RUNTIME_DIR."""
-    with tempfile.TemporaryDirectory(prefix="orvelctl-") as folder:
+    """A short folder for the sockets, as XDG_RUNTIME_DIR: not in /tmp, where watch makes none."""
+    parent = "/run" if os.geteuid() == 0 else Path.home()
+    with tempfile.TemporaryDirectory(prefix="orvelctl-", dir=parent) as folder:
         yield Path(folder)
 
 
@@ -101,6 +104,22 @@ def agent(lab: Lab) -> Agent:
     return agent
 
 
+def send(endpoint: Path, document: bytes) -> None:
+    with socket.socket(socket.AF_UNIX) as connection:
+        connection.settimeout(DEADLINE)
+        connection.connect(str(endpoint))
+        connection.sendall(document)
+
+
+@contextmanager
+def closing_descriptor(path: Path) -> Iterator[int]:
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        yield descriptor
+    finally:
+        os.close(descriptor)
+
+
 class TestDocuments:
     def test_each_comes_to_the_watch_and_to_the_others(self, lab: Lab, agent: Agent, runtime: Path, tmp_path: Path):
         before = lab.setting(KEY)
@@ -128,7 +147,7 @@ class TestDocuments:
 
 
 class TestSetting:
-    @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT])
+    @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGTSTP])
     def test_every_end_takes_the_endpoint_away(self, lab: Lab, runtime: Path, tmp_path: Path, number: int):
         before = lab.setting(KEY)
         watch = Watch(lab, runtime, tmp_path / "out")
@@ -167,6 +186,18 @@ class TestSetting:
         os.close(theirs)
         assert lab.setting(KEY) == before
 
+    def test_a_reader_that_takes_nothing_holds_no_sender_up(self, lab: Lab, runtime: Path):
+        before = endpoints(lab)
+        process = start(lab, runtime, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        endpoint = wait_until(lambda: set(endpoints(lab)) - set(before), "the watch's endpoint").pop()
+        for _ in range(40):  # 4 MB, which no buffer on the way holds
+            send(Path(endpoint), b"x" * 100000)
+        process.terminate()
+        _, said = process.communicate(timeout=DEADLINE)
+        assert process.returncode == 74
+        assert_complaint(said.decode(), "documents were dropped")
+        assert endpoints(lab) == before
+
     def test_an_ignored_hangup_stays_ignored(self, lab: Lab, agent: Agent, runtime: Path, tmp_path: Path):
         watch = Watch(lab, runtime, tmp_path / "out", lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
         watch.process.send_signal(signal.SIGHUP)
@@ -203,9 +234,55 @@ class TestSetting:
         odd = runtime / "a,b"
         odd.mkdir()
         watch = Watch(lab, odd, tmp_path / "out")
-        assert str(watch.endpoint).startswith(("/run/", "/tmp/"))
+        assert watch.endpoint.parent.parent == (Path("/run") if os.geteuid() == 0 else lab.folder)
         assert watch.end(signal.SIGINT) == (0, "")
         assert not watch.endpoint.parent.exists()
+
+
+    def test_a_runtime_folder_in_a_folder_of_all_is_passed_over(self, lab: Lab, tmp_path: Path):
+        with tempfile.TemporaryDirectory(dir="/tmp") as folder:
+            watch = Watch(lab, Path(folder), tmp_path / "out")
+            assert watch.endpoint.parent.parent == (Path("/run") if os.geteuid() == 0 else lab.folder)
+            assert watch.end(signal.SIGINT) == (0, "")
+
+
+class TestLock:
+    """Another orvelctl holds the settings' folder."""
+
+    @pytest.fixture
+    def held(self, lab: Lab) -> Iterator[None]:
+        with closing_descriptor(lab.settings_path.parent) as folder:
+            fcntl.flock(folder, fcntl.LOCK_EX)
+            yield
+
+    def test_the_start_gives_up(self, lab: Lab, held: None, runtime: Path):
+        before = lab.setting(KEY)
+        process = start(lab, runtime, stderr=subprocess.PIPE)
+        _, said = process.communicate(timeout=DEADLINE)
+        assert process.returncode == 75
+        assert_complaint(said.decode(), "another orvelctl keeps changing the settings")
+        assert (lab.setting(KEY), list(runtime.iterdir())) == (before, [])
+
+    def test_a_signal_ends_the_waiting_of_the_start(self, lab: Lab, held: None, runtime: Path):
+        before = lab.setting(KEY)
+        process = start(lab, runtime, stderr=subprocess.PIPE)
+        wait_until(lambda: list(runtime.iterdir()), "the watch's socket")
+        process.send_signal(signal.SIGINT)
+        _, said = process.communicate(timeout=DEADLINE)
+        assert (process.returncode, said) == (0, b"")
+        assert (lab.setting(KEY), list(runtime.iterdir())) == (before, [])
+
+    def test_a_second_signal_ends_the_waiting_of_the_end(self, lab: Lab, runtime: Path, tmp_path: Path):
+        before = lab.setting(KEY)
+        watch = Watch(lab, runtime, tmp_path / "out")
+        with closing_descriptor(lab.settings_path.parent) as folder:
+            fcntl.flock(folder, fcntl.LOCK_EX)
+            watch.process.send_signal(signal.SIGINT)
+            watch.process.send_signal(signal.SIGTERM)
+            status, said = watch.end(None)
+        assert status == 0
+        assert_complaint(said, f"{KEY} is changed without waiting")
+        assert lab.setting(KEY) == before
 
 
 class TestKilled:
@@ -239,6 +316,15 @@ class TestFailures:
         result = self.run(lab, runtime, "-c", lab.folder)
         assert (result.returncode, result.stdout) == (74, "")
         assert_complaint(result.stderr, "the settings can't be read")
+        assert list(runtime.iterdir()) == []
+
+    def test_settings_of_a_folder_that_was_removed(self, lab: Lab, runtime: Path, tmp_path: Path):
+        gone = tmp_path / "gone"
+        gone.mkdir()
+        environment = {**os.environ, "XDG_RUNTIME_DIR": str(runtime)}
+        result = Ctl(lab, None, "-c", "settings").run("watch", cwd=gone, preexec_fn=gone.rmdir, env=environment)
+        assert (result.returncode, result.stdout) == (74, "")
+        assert_complaint(result.stderr, "settings")
         assert list(runtime.iterdir()) == []
 
     def test_output_that_is_lost(self, lab: Lab, agent: Agent, runtime: Path):

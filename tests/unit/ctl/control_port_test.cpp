@@ -40,7 +40,7 @@ TEST(CtlControlPort, NobodyListens) {
 TEST(CtlControlPort, BusyAgentIsWaitedForNoLongerThanAllowed) {
   const loopback_listener busy;  // nobody accepts
   std::string reply;
-  EXPECT_EQ(exchange(busy.port(), "request", 1, &reply), -1);
+  EXPECT_EQ(exchange(busy.port(), "request", 1, &reply), -2);
   EXPECT_EQ(errno, ETIMEDOUT);
 }
 

@@ -53,6 +53,14 @@ TEST(DoctorNumber, OnlyDigitsAreANumber) {
   }
 }
 
+TEST(DoctorNumber, NumberThatTheAgentCanNotHoldIsWrong) {
+  EXPECT_THAT(check_number("q_claim_delay", "2147483647"), IsFine());
+  EXPECT_THAT(check_number("q_claim_delay", "2147483648"), IsWrong("q_claim_delay is too large: 2147483648"));
+  EXPECT_THAT(check_number("q_claim_delay", "999999999999999"), IsWrong("is too large"));
+  EXPECT_THAT(check_number("q_broker_port", "65535"), IsFine());
+  EXPECT_THAT(check_number("q_broker_port", "65536"), IsWrong("is too large"));
+}
+
 TEST(DoctorClock, ClockBeforeTheProgramsBirthIsWrong) {
   constexpr time_t built = 1'700'000'000;
   EXPECT_THAT(check_clock(0, built), IsWrong("before this program was built"));

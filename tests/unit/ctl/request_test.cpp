@@ -56,7 +56,8 @@ TEST(CtlReply, ResultIsRead) {
 
 TEST(CtlReply, AnythingElseIsNoReply) {
   for (const char* text :
-       {"", "{}", "[0]", "0", R"({"result":"0"})", R"({"Result":0})", R"({"result":)", "hello"}) {
+       {"", "{}", "[0]", "0", R"({"result":"0"})", R"({"Result":0})", R"({"result":)", "hello",
+        R"({"result":0.5})", R"({"result":-0.9})", R"({"result":1e10})", R"({"result":1e999})"}) {
     EXPECT_EQ(parse_reply(text), std::nullopt) << text;
   }
 }
@@ -73,7 +74,7 @@ TEST(CtlResult, EachKnownCodeHasWordsAndAStatusOfItsOwn) {
 }
 
 TEST(CtlResult, UnknownCodeIsShown) {
-  for (const int result : {-2147483647, -11, 2, 77}) {
+  for (const int result : {-2147483647, -11, -6, -3, -2, 2, 77}) {
     EXPECT_THAT(result_in_words("", result), testing::EndsWith(": " + std::to_string(result)));
     EXPECT_EQ(result_status(result), exit_other_code);
   }

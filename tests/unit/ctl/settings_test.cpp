@@ -4,9 +4,13 @@
 #include "temp_folder.h"
 #include "usi.h"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -65,12 +69,38 @@ TEST_F(CtlSettingsTest, LockKeepsOthersOut) {
            }).status == 0;
   };
   {
-    const fd_owner lock = lock_settings(files.storage);
+    const fd_owner lock = lock_settings(files.storage, -1);
     EXPECT_TRUE(lock.valid());
     EXPECT_FALSE(taken_by_another());
   }
   EXPECT_TRUE(taken_by_another());
-  EXPECT_FALSE(lock_settings("/nowhere/settings").valid());
+}
+
+TEST_F(CtlSettingsTest, LockSaysWhyItIsNotThere) {
+  EXPECT_FALSE(lock_settings("/nowhere/settings", -1).valid());
+  EXPECT_EQ(errno, ENOENT);
+
+  const fd_owner held = lock_settings(files.storage, -1);
+  const pipe_ends interrupt = make_pipe(O_CLOEXEC);
+  ASSERT_EQ(write(interrupt.write_end.get(), "x", 1), 1);
+  EXPECT_FALSE(lock_settings(files.storage, interrupt.read_end.get()).valid());
+  EXPECT_EQ(errno, EINTR);
+}
+
+TEST_F(CtlSettingsTest, LockNeedsNoWorkingFolder) {
+  const std::string gone = folder / "gone";
+  const auto lock_in_a_removed_folder = [&gone] {
+    if (mkdir(gone.c_str(), 0700) != 0 || chdir(gone.c_str()) != 0 || rmdir(gone.c_str()) != 0) return 1;
+    return lock_settings("settings", -1).valid() ? 0 : 2;
+  };
+  EXPECT_EQ(run_in_child(lock_in_a_removed_folder).status, 0);
+}
+
+TEST(CtlSettingsFolder, IsWhatTheNameTells) {
+  EXPECT_EQ(folder_of_settings("/a/b/settings"), "/a/b");
+  EXPECT_EQ(folder_of_settings("/settings"), "/");
+  EXPECT_EQ(folder_of_settings("a/settings"), "a");
+  EXPECT_EQ(folder_of_settings("settings"), ".");
 }
 
 }  // namespace

@@ -3,10 +3,12 @@
 #include "descriptors.h"
 #include "temp_folder.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -54,10 +56,14 @@ TEST(WatchEndpoint, OthersStayAsTheyAre) {
   }
 }
 
+watch_socket open_in(const std::string& folder) {
+  std::string problems;
+  return open_watch_socket({folder}, &problems);
+}
+
 TEST(WatchEndpoint, SocketIsItsOwnersAlone) {
   const temp_folder folder;
-  const runtime_folder runtime{folder.path()};
-  const watch_socket opened = open_watch_socket();
+  const watch_socket opened = open_in(folder.path());
   ASSERT_TRUE(opened.fd.valid());
   EXPECT_TRUE(is_watch_endpoint(opened.endpoint));
   EXPECT_TRUE(opened.endpoint.starts_with(folder.path()));
@@ -70,25 +76,103 @@ TEST(WatchEndpoint, SocketIsItsOwnersAlone) {
   EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
 }
 
-TEST(WatchEndpoint, FolderThatWouldMakeABadEndpointIsPassedOver) {
+TEST(WatchEndpoint, FolderThatTakesNoSocketIsPassedOver) {
   const temp_folder folder;
-  for (const std::string name :
-       {"a,b", "a:b", "0123456789012345678901234567890123456789012345678901234567890123456789"}) {
-    const std::string parent = folder / name;
-    std::filesystem::create_directory(parent);
-    const runtime_folder runtime{parent};
-    const watch_socket opened = open_watch_socket();
+  const std::pair<const char*, const char*> cases[] = {
+      {"a,b", "comma"},
+      {"a:b", "colon"},
+      {"0123456789012345678901234567890123456789012345678901234567890123456789", "107 bytes"}};
+  for (const auto& [name, problem] : cases) {
+    const std::string odd = folder / name;
+    std::filesystem::create_directory(odd);
+    std::string problems;
+    const watch_socket opened = open_watch_socket({odd, folder.path()}, &problems);
     ASSERT_TRUE(opened.fd.valid());
-    EXPECT_FALSE(opened.endpoint.starts_with(folder.path()));
-    EXPECT_TRUE(std::filesystem::is_empty(parent));
-    remove_watch_files(opened.endpoint);
+    EXPECT_TRUE(opened.endpoint.starts_with(folder / "orvelctl-watch-"));
+    EXPECT_TRUE(std::filesystem::is_empty(odd));
+    EXPECT_NE(problems.find(odd), std::string::npos);
+    EXPECT_NE(problems.find(problem), std::string::npos) << problems;
   }
+}
+
+TEST(WatchEndpoint, WithoutAFolderThereIsAReason) {
+  std::string problems;
+  EXPECT_FALSE(open_watch_socket({}, &problems).fd.valid());
+  EXPECT_FALSE(problems.empty());
+  problems = "";
+  EXPECT_FALSE(open_watch_socket({"/nowhere"}, &problems).fd.valid());
+  EXPECT_EQ(problems, "/nowhere: No such file or directory");
+}
+
+TEST(WatchFolders, RuntimeFolderInAFolderOfAllIsNoneOfThem) {
+  const temp_folder folder;  // mode 0700, but in /tmp
+  const temp_folder settings;
+  const runtime_folder runtime{folder.path()};
+  const std::vector<std::string> folders = watch_folders(settings / "settings");
+  EXPECT_EQ(std::ranges::count(folders, folder.path()), 0);
+  EXPECT_EQ(std::ranges::count(folders, "/tmp"), 0);
+  EXPECT_EQ(std::ranges::count(folders, "/run"), geteuid() == 0 ? 1 : 0);
+  EXPECT_EQ(folders.back(), settings.path());
+}
+
+TEST(WatchFolders, SettingsFolderOfAllIsNoneOfThem) {
+  const temp_folder folder{std::filesystem::perms::all};
+  const std::vector<std::string> folders = watch_folders(folder / "settings");
+  EXPECT_EQ(std::ranges::count(folders, folder.path()), 0);
+  EXPECT_EQ(std::ranges::count(watch_folders("/tmp/settings"), "/tmp"), 0);
+}
+
+TEST(WatchFolders, RuntimeFolderHasToBeItsUsersAlone) {
+  if (geteuid() != 0) GTEST_SKIP() << "a folder outside /tmp, and another user, need root";
+  char name[] = "/run/orvel-unit-XXXXXX";
+  ASSERT_NE(mkdtemp(name), nullptr);
+  const runtime_folder runtime{name};
+  const auto taken = [&name] { return watch_folders("/nowhere/settings").front() == name; };
+  EXPECT_TRUE(taken());
+  EXPECT_EQ(chmod(name, 0711), 0);
+  EXPECT_FALSE(taken());
+  EXPECT_EQ(chmod(name, 0700), 0);
+  EXPECT_EQ(chown(name, 65534, 65534), 0);
+  EXPECT_FALSE(taken());
+  rmdir(name);
+}
+
+TEST(WatchDanger, SocketOfThisUserIsNone) {
+  const temp_folder folder;
+  watch_socket opened = open_in(folder.path());
+  EXPECT_EQ(watch_danger(opened.endpoint, folder / "settings"), "");
+  opened.fd.reset();
+  EXPECT_EQ(watch_danger(opened.endpoint, folder / "settings"), "");
+  EXPECT_EQ(watch_danger(some_watch, folder / "settings"), "");  // there is nothing
+  EXPECT_EQ(watch_danger("/bin/cat", folder / "settings"), "");
+}
+
+TEST(WatchDanger, ProgramInPlaceOfTheSocketIsOne) {
+  const temp_folder folder;
+  const watch_socket opened = open_in(folder.path());
+  std::filesystem::remove(opened.endpoint);
+  std::filesystem::copy_file("/bin/true", opened.endpoint);
+  EXPECT_NE(watch_danger(opened.endpoint, folder / "settings").find("no socket"), std::string::npos);
+  EXPECT_EQ(without_stale_watches("a:1," + opened.endpoint), "a:1");
+  std::filesystem::remove(opened.endpoint);
+  std::filesystem::create_symlink("/bin/true", opened.endpoint);
+  EXPECT_NE(watch_danger(opened.endpoint, folder / "settings").find("no socket"), std::string::npos);
+}
+
+TEST(WatchDanger, OtherUserIsOneUnlessTheSettingsAreTheirs) {
+  if (geteuid() != 0) GTEST_SKIP() << "another user needs root";
+  const temp_folder folder;
+  write_text_file(folder / "settings", "");
+  const watch_socket opened = open_in(folder.path());
+  EXPECT_EQ(chown(std::filesystem::path{opened.endpoint}.parent_path().c_str(), 65534, 65534), 0);
+  EXPECT_NE(watch_danger(opened.endpoint, folder / "settings").find("another user"), std::string::npos);
+  EXPECT_EQ(chown((folder / "settings").c_str(), 65534, 65534), 0);
+  EXPECT_EQ(watch_danger(opened.endpoint, folder / "settings"), "");
 }
 
 TEST(WatchEndpoint, IsStaleOnceNobodyListens) {
   const temp_folder folder;
-  const runtime_folder runtime{folder.path()};
-  watch_socket opened = open_watch_socket();
+  watch_socket opened = open_in(folder.path());
   EXPECT_FALSE(is_stale_watch(opened.endpoint));
   EXPECT_EQ(without_stale_watches("a:1," + opened.endpoint), "a:1," + opened.endpoint);
   opened.fd.reset();
@@ -107,12 +191,20 @@ TEST(WatchEndpoint, OnlyASocketIsRemoved) {
   EXPECT_EQ(read_text_file(watch + "/events"), "precious");
 }
 
+TEST(WatchEndpoint, NothingIsRemovedBehindALink) {
+  const temp_folder folder;
+  const watch_socket opened = open_in(folder.path());
+  const std::string link = folder / "orvelctl-watch-link12";
+  std::filesystem::create_directory_symlink(std::filesystem::path{opened.endpoint}.parent_path(), link);
+  remove_watch_files(link + "/events");
+  EXPECT_TRUE(std::filesystem::exists(opened.endpoint));
+}
+
 TEST(WatchEndpoint, NoDescriptorStaysOpen) {
   const temp_folder folder;
-  const runtime_folder runtime{folder.path()};
   const size_t before = open_descriptors();
   {
-    const watch_socket opened = open_watch_socket();
+    const watch_socket opened = open_in(folder.path());
     EXPECT_FALSE(is_stale_watch(opened.endpoint));
   }
   EXPECT_EQ(open_descriptors(), before);
