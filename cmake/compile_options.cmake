@@ -6,7 +6,7 @@ target_compile_options(orvel_options INTERFACE
 # 64-bit sizes, inode numbers and times on 32-bit devices too.
 target_compile_definitions(orvel_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  target_compile_options(orvel_options INTERFACE -Wthread-safety)
+  target_compile_options(orvel_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
 endif()
 
 if(ORVEL_SANITIZE)

@@ -79,7 +79,7 @@ run_plain() {
 
 run_clang() {
   stage "clang build with thread-safety analysis, clang-tidy"
-  CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF -DORVEL_BENCH=ON \
+  CC=clang CXX=clang++ cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Debug -DBUILD_TESTING=OFF -DORVEL_BENCH=ON \
     >/dev/null
   cmake --build build-clang --target all bench_programs
   git ls-files -co --exclude-standard -- 'src/*.cpp' 'platform/*.cpp' |
