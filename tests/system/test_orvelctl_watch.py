@@ -105,10 +105,13 @@ def agent(lab: Lab) -> Agent:
 
 
 def send(endpoint: Path, document: bytes) -> None:
+    """Ends when the watch has taken it all."""
     with socket.socket(socket.AF_UNIX) as connection:
         connection.settimeout(DEADLINE)
         connection.connect(str(endpoint))
         connection.sendall(document)
+        connection.shutdown(socket.SHUT_WR)
+        assert connection.recv(1) == b""
 
 
 @contextmanager
