@@ -95,9 +95,9 @@ int negotiate_method(net_connection* connection) {
   return reply[1];
 }
 
-// A text behind its length.
+// A text behind its length, which is a byte: more than a setting can hold is never written.
 unsigned char* put_short_text(unsigned char* position, const char* text) {
-  const size_t length = std::strlen(text);
+  const size_t length = strnlen(text, longest_setting);
   *position = static_cast<unsigned char>(length);
   return put_bytes(position + 1, text, length);
 }

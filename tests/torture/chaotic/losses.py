@@ -37,6 +37,15 @@ RETRANSMISSION_SECONDS = 0.2 * (2 ** (RETRANSMISSIONS + 2) - 1)
 KEEPALIVES = [(1, 2, 1), (2, 1, 1), (1, 3, 1), (1, 1, 3), (3, 2, 1)]  # time, probes, interval
 
 
+def greeted(session: Session, lab: Lab) -> Session:
+    """The session, once the agent has identified itself and a message has got through."""
+    session.expect_identity()
+    message = b"in session %d" % session.number
+    session.send_message("meter", message)
+    assert lab.handlers["meter"].expect() == message
+    return session
+
+
 class Loss:
     """One agent that loses its packets again and again, each time with a look at the clock."""
 
@@ -53,11 +62,7 @@ class Loss:
         session = self.lab.broker.expect_session(seconds)
         while session.number <= beyond:
             session = self.lab.broker.expect_session(seconds)
-        session.expect_identity()
-        message = b"in session %d" % session.number
-        session.send_message("meter", message)
-        assert self.lab.handlers["meter"].expect() == message
-        return session
+        return greeted(session, self.lab)
 
     def wait_noticed(self, what: str, line: str, configured: float) -> None:
         """The line comes when it should, from now on."""

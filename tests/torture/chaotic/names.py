@@ -12,7 +12,7 @@ from orvel_lab import Agent, Lab, Session
 from support.life import ENVIRONMENT
 from support.rounds import Round
 
-from .losses import SKIPPED
+from .losses import SKIPPED, greeted
 from .name_server import NameServer, in_own_world
 
 BROKER, CLOUD = "broker.example", "cloud.example"
@@ -70,11 +70,7 @@ class Names:
 
     def session(self, limit: float) -> Session:
         session = self.lab.broker.expect_session(limit)
-        session.expect_identity()
-        message = b"in session %d" % session.number
-        session.send_message("meter", message)
-        assert self.lab.handlers["meter"].expect() == message
-        return session
+        return greeted(session, self.lab)
 
 
 def broker_name(names: Names, manner: str) -> None:
