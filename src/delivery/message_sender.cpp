@@ -17,16 +17,20 @@ constexpr char log_source[] = "message_sender";
 
 constexpr uint32_t message_overhead = 12;  ///< bytes charged for each message on top of data and name
 
+// One for each message on the queue, one for the message that the worker delivers, one for the message that comes next
+// and may still be refused.
+constexpr int record_count = queue_count_limit + 2;
+
 struct queued_message {
   char* handler_name;
   void* data;
   uint32_t length;
 };
 
+// The record itself stays: it is one of the pool's.
 void release_message(queued_message* message) {
   std::free(message->handler_name);
   std::free(message->data);
-  std::free(message);
 }
 using message_ptr = std::unique_ptr<queued_message, releaser<release_message>>;
 
@@ -38,7 +42,8 @@ struct pool_state {
   sync_mutex pool_lock{lock_rank::delivery_pool};
   mt_queue* queue GUARDED_BY(pool_lock) = nullptr;
   pthread_attr_t thread_attributes GUARDED_BY(pool_lock){};
-  int available GUARDED_BY(pool_lock) = 0;  ///< live workers: 0 or 1
+  int available GUARDED_BY(pool_lock) = 0;    ///< live workers: 0 or 1
+  int next_record GUARDED_BY(pool_lock) = 0;  ///< which record the next message gets
 
   sync_mutex wait_lock{lock_rank::delivery_wait};
   sync_condition work;  ///< a message, or stop
@@ -46,6 +51,11 @@ struct pool_state {
   bool stop GUARDED_BY(wait_lock) = false;
 };
 constinit pool_state pool{};
+
+// Used in turn, and passed from the producer to the worker through the queue. Messages leave in the order in which they
+// came, so the next record is always one that the worker has done with. Beside the pool because it begins as zeros,
+// which take no room in the program.
+constinit queued_message records[record_count]{};
 
 // The worker belongs to no signal: a delivery must not be cut short.
 void block_all_signals() {
@@ -190,16 +200,17 @@ int shutdown_thread_pool() {
 }
 
 int send_to_queue(char** handler_name, void** data, uint32_t length) {
-  message_ptr message{
-      static_cast<queued_message*>(must_allocate(sizeof(queued_message), ALLOCATION("malloc().\n", 1)))};
-  *message = {std::exchange(*handler_name, nullptr), std::exchange(*data, nullptr), length};
+  const queued_message taken{std::exchange(*handler_name, nullptr), std::exchange(*data, nullptr), length};
   log_debug("Sending message to queue.\n");
 
   const scoped_lock lock{pool.pool_lock};  // model: send.lock
+  message_ptr message{&records[pool.next_record]};
+  *message = taken;
   // model: send.enqueue
   if (mt_queue_enqueue(message.get(), pool.queue, charged_size(*message)) != 0) return -1;
   // From here on the message is the worker's, which may have freed it by now.
   static_cast<void>(message.release());
+  pool.next_record = (pool.next_record + 1) % record_count;
   log_debug("Added message to queue.\n");
   announce_message();  // model: send.announce
   return 0;
