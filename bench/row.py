@@ -42,16 +42,21 @@ def alone(agent: float, _floor: float) -> float:
     return agent
 
 
-Measure = Callable[[Site], float]
+Side = Callable[[Site], float]
+Measure = Callable[[Site], tuple[float, float]]
 
 
 def no_floor(_site: Site) -> float:
     return 0.0
 
 
+def by_turns(agent: Side, floor: Side = no_floor) -> Measure:
+    return lambda site: (agent(site), floor(site))
+
+
 @dataclass(frozen=True)
 class Row:
-    """`agent` and `floor` measure once each, in `unit`; run.py calls them by turns and gives the results to `compare`.
+    """`measure` gives what agent and floor come to, in `unit`; run.py calls it for each pair and lets `compare` judge.
 
     A rate is compared as floor time / agent time (or rates: agent / floor), so that more is better; a time or a size
     as agent / floor, so that less is better.
@@ -61,11 +66,15 @@ class Row:
     work: str
     beside: str  # what the floor does
     unit: str
-    target: Target
-    agent: Measure
-    floor: Measure = no_floor
+    target: Target | None  # None: measured beside another row, to explain it
+    measure: Measure
     compare: Callable[[float, float], float] = ratio
-    pairs: int = 0  # 0: as many as the run asks for; 1 where a measurement takes minutes or can't vary
+    pairs: int = 0  # 0: as many as the run asks for; 1 where it can't vary, more where the machine's own drift shows
+
+    def verdict(self, value: float) -> str:
+        if self.target is None:
+            return "-"
+        return "met" if self.target.met(value) else "missed"
 
 
 @dataclass(frozen=True)

@@ -17,6 +17,7 @@ PROJECT = HERE.parent
 sys.path[:0] = [str(HERE), str(PROJECT / "lab")]
 
 from row import Growth, Row, Site  # noqa: E402  (found only now)
+from table import write_table  # noqa: E402
 
 
 @dataclass(frozen=True)
@@ -30,15 +31,16 @@ class Result:
 
     @property
     def verdict(self) -> str:
-        return "met" if self.row.target.met(self.value) else "MISSED"
+        return self.row.verdict(self.value)
 
 
 def measure(row: Row, site: Site, pairs: int) -> Result:
     """A B A B ...: what disturbs the machine meanwhile disturbs both."""
     agents, floors = [], []
     for _ in range(row.pairs or pairs):
-        agents.append(row.agent(site))
-        floors.append(row.floor(site))
+        agent, floor = row.measure(site)
+        agents.append(agent)
+        floors.append(floor)
     values = [row.compare(agent, floor) for agent, floor in zip(agents, floors)]
     middle = statistics.median
     return Result(row, middle(agents), middle(floors), middle(values), (min(values), max(values)), len(values))
@@ -47,9 +49,10 @@ def measure(row: Row, site: Site, pairs: int) -> Result:
 def show(result: Result) -> None:
     row = result.row
     low, high = result.spread
+    unit = row.target.unit if row.target else ""
     print(
-        f"{row.name:<9} {result.verdict:<6} {result.value:9.3f}{row.target.unit:<4} "
-        f"[{low:.3f} .. {high:.3f}]  {row.target!s:<18} agent {result.agent:.6g}, floor {result.floor:.6g} {row.unit}"
+        f"{row.name:<11} {result.verdict:<6} {result.value:9.3f}{unit:<4} [{low:.3f} .. {high:.3f}]  "
+        f"{str(row.target or ''):<18} agent {result.agent:.6g}, floor {result.floor:.6g} {row.unit}"
         f"  {row.work}",
         flush=True,
     )
@@ -68,8 +71,8 @@ def as_json(result: Result) -> dict[str, object]:
         "lowest": result.spread[0],
         "highest": result.spread[1],
         "pairs": result.pairs,
-        "target": str(row.target),
-        "met": row.target.met(result.value),
+        "target": row.target and str(row.target),
+        "verdict": result.verdict,
     }
 
 
@@ -107,8 +110,10 @@ def main() -> int:
             for growth in growths:
                 draw_growth(growth, growth.measure(site), PROJECT / "docs" / f"performance-{growth.name}.svg")
     if not given.rows:
-        (HERE / "results.json").write_text(json.dumps([as_json(result) for result in results], indent=1) + "\n")
-    missed = [result.row.name for result in results if result.verdict != "met"]
+        all_results = [as_json(result) for result in results]
+        (HERE / "results.json").write_text(json.dumps(all_results, indent=1) + "\n")
+        write_table(all_results, PROJECT / "docs" / "performance.md")
+    missed = [result.row.name for result in results if result.verdict == "missed"]
     print(f"{len(results)} rows, {len(missed)} missed{': ' + ', '.join(missed) if missed else ''}")
     return 0
 

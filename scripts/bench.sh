@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Measures the agent against the floor: the least that any program could do with the same libraries and system calls.
-# Prints a table and, when all rows are measured, writes bench/results.json. docs/performance.md explains the rows.
+# Prints a table and, when all rows are measured, writes it to bench/results.json and docs/performance.md, which explains
+# the rows. --growth draws that page's plots, too.
 #
 # usage: bench.sh [--pairs N] [--growth] [ROW...]      (default: all rows, 7 pairs each)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 if [[ ${1:-} == -h || ${1:-} == --help ]]; then
-  sed -n '2,5s/^# \{0,1\}//p' "$0"
+  sed -n '2,6s/^# \{0,1\}//p' "$0"
   exit 0
 fi
 folder=${ORVEL_BENCH_BUILD:-build-bench}

@@ -51,6 +51,7 @@ void parse_of_floor(benchmark::State& state) {
   const auto buffer = std::make_unique<unsigned char[]>(piece_size);
   feed(state, [&](const unsigned char* bytes, size_t size) {
     std::memcpy(buffer.get(), bytes, size);
+    benchmark::DoNotOptimize(buffer.get());
     benchmark::ClobberMemory();
   });
 }

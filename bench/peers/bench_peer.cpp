@@ -8,7 +8,8 @@
 //                                  arrived; nanoseconds from the first byte sent to the last one arrived
 //   collect COUNT SIZE             "ready"; when all have arrived, the nanosecond (monotonic) of the last byte
 //   plug NAME                      sends one message that nobody takes; "sent"
-//   flood NAME COUNT SIZE          sends and closes; nanoseconds until the agent, having read it all, has closed, too
+//   seal NAME COUNT SIZE           encrypts as many messages as they will go out; "sealed"
+//   flood                          sends them and closes; nanoseconds until the agent, having read it all, has closed, too
 
 #include "link.h"
 #include "peer.h"
@@ -69,7 +70,7 @@ int64_t deliver(broker_link* link, sink* place, const std::string& handler, int6
 }
 
 // Everything is encrypted beforehand, so that sending costs less than receiving.
-int64_t flood(broker_link* link, const std::string& handler, int64_t count, size_t size) {
+packets seal(broker_link* link, const std::string& handler, int64_t count, size_t size) {
   const int64_t at_once = std::max<int64_t>(flood_block / static_cast<int64_t>(size), 1);
   const packets block = messages(handler, at_once, size);
   const size_t each = block.size() / static_cast<size_t>(at_once);
@@ -79,13 +80,17 @@ int64_t flood(broker_link* link, const std::string& handler, int64_t count, size
     const auto now = static_cast<size_t>(std::min(at_once, count - made));
     link_seal(link, std::span{block}.first(each * now), &sealed);
   }
+  return sealed;
+}
+
+int64_t flood(broker_link* link, const packets& sealed) {
   const int64_t begun = monotonic_ns();
   link_send_sealed(link, sealed);
   link_finish(link);
   return monotonic_ns() - begun;
 }
 
-std::string carry_out(broker_link* link, sink* place, std::istream& line) {
+std::string carry_out(broker_link* link, sink* place, packets* sealed, std::istream& line) {
   std::string command;
   std::string name;
   int64_t count = 0;
@@ -93,6 +98,7 @@ std::string carry_out(broker_link* link, sink* place, std::istream& line) {
   int64_t open = 0;
   line >> command;
   if (command == "accept") return link_accept(link);
+  if (command == "flood") return std::to_string(flood(link, *sealed));
   if (command == "collect") {
     line >> count >> size;
     sink_begin(place, count, static_cast<int64_t>(size));
@@ -101,7 +107,10 @@ std::string carry_out(broker_link* link, sink* place, std::istream& line) {
   }
   line >> name >> count >> size >> open;
   if (command == "deliver") return std::to_string(deliver(link, place, name, count, size, open));
-  if (command == "flood") return std::to_string(flood(link, name, count, size));
+  if (command == "seal") {
+    *sealed = seal(link, name, count, size);
+    return "sealed";
+  }
   require(command == "plug", "unknown command");
   link_send(link, messages(name, 1, plug_size));
   return "sent";
@@ -113,13 +122,14 @@ int main(int argc, char** argv) {
   require(argc == 2 || argc == 4, "usage");
   broker_link link;
   sink place;
+  packets sealed;
   sink_listen(&place, std::string{argv[1]} == "tcp" ? nullptr : argv[1]);
   const uint16_t port = link_listen(&link, argc == 4 ? argv[2] : nullptr, argc == 4 ? argv[3] : nullptr);
   std::cout << port << ' ' << place.endpoint << std::endl;
   std::string text;
   while (std::getline(std::cin, text)) {
     std::istringstream line{text};
-    std::cout << carry_out(&link, &place, line) << std::endl;
+    std::cout << carry_out(&link, &place, &sealed, line) << std::endl;
   }
   return 0;
 }

@@ -4,8 +4,8 @@
 // usage: bench_service CERTIFICATE KEY
 //
 // Its first line of output is "ports CLOUD BROKER SINK REPORTS"; then comes "identity NANOSECONDS" (of CLOCK_MONOTONIC)
-// for each agent. On its input it takes "send COUNT SIZE": as many messages go to the newest agent's handler "sink", in
-// bursts that the agent's queue holds, and "received COUNT" tells when the sink has them. It ends with its input.
+// for each agent. On its input it takes "send COUNT SIZE BURST": as many messages go to the newest agent's handler
+// "sink", BURST at a time, and "received COUNT" tells when the sink has them. It ends with its input.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -33,7 +33,6 @@
 namespace {
 
 constexpr std::string_view send_command = "send ";
-constexpr size_t burst = 500;  // messages; half of what the agent's queue holds
 
 struct ssl_free {
   void operator()(SSL* ssl) const { SSL_free(ssl); }
@@ -235,7 +234,7 @@ std::string plain_message(size_t size) {
   return packet;
 }
 
-void send_messages(size_t total, size_t size) {
+void send_messages(size_t total, size_t size, size_t burst) {
   const std::string message = plain_message(size);
   {
     const std::lock_guard guard{count_lock};
@@ -284,7 +283,8 @@ int main(int argc, char** argv) {
     if (!std::string_view{line.data()}.starts_with(send_command)) continue;
     char* rest = nullptr;
     const size_t total = std::strtoul(line.data() + send_command.size(), &rest, 10);
-    send_messages(total, std::strtoul(rest, nullptr, 10));
+    const size_t size = std::strtoul(rest, &rest, 10);
+    send_messages(total, size, std::max(std::strtoul(rest, nullptr, 10), 1UL));
   }
   std::_Exit(0);  // the threads still serve
 }

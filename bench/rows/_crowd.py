@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
-import functools
 import os
 import resource
 import signal
+import tempfile
 import time
 from collections.abc import Sequence
 from dataclasses import dataclass
+from pathlib import Path
 
 from orvel_lab import Lab, settings
 from orvel_lab.broker import Session
@@ -34,13 +35,15 @@ class Cost:
         return f"{self.milliseconds:.1f} ms, PSS {self.proportional:.0f} KiB, private dirty {self.private:.0f} KiB"
 
 
-@functools.cache
 def crowd(site: Site, count: int) -> Cost:
     """Starts `count` new devices at once, each with files and a control port of its own."""
     _allow_descriptors(count * DESCRIPTORS_EACH)
     settle_disk()
     pids = []
-    with Lab(site.folder / f"crowd-{count}", claimed=True, settings=_patient()) as lab:
+    with (
+        tempfile.TemporaryDirectory(prefix="crowd-", dir=site.folder) as folder,
+        Lab(Path(folder), claimed=True, settings=_patient()) as lab,
+    ):
         try:
             commands = [_command(site, lab, number) for number in range(count)]
             begun = time.monotonic()

@@ -46,9 +46,9 @@ class Service:
         """When the next identity came, in nanoseconds of the monotonic clock."""
         return int(self._next("identity"))
 
-    def send(self, count: int, size: int) -> None:
-        """Sends messages to the newest device's handler "sink" and waits until it has them."""
-        self._process.stdin.write(f"send {count} {size}\n".encode())
+    def send(self, count: int, size: int, burst: int) -> None:
+        """Sends messages to the newest device's handler "sink", so many at once, and waits until it has them."""
+        self._process.stdin.write(f"send {count} {size} {burst}\n".encode())
         self._next("received")
 
     def _next(self, word: str) -> str:

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import functools
 import json
 import statistics
 import subprocess
@@ -11,7 +10,7 @@ import tempfile
 from collections.abc import Sequence
 from pathlib import Path
 
-from row import Curve, Growth, Measure, Row, Site, Target, alone, difference
+from row import Curve, Growth, Row, Side, Site, Target, alone, by_turns, difference
 
 PROJECT = Path(__file__).resolve().parents[2]
 MESSAGE_SIZES = (16, 64, 256, 1024, 4096, 16384, 65536)
@@ -31,19 +30,19 @@ def rate(work: str, site: Site, seconds: float = 0.5) -> float:
     return float(result["items_per_second"])
 
 
-def in_millions(work: str) -> Measure:
+def in_millions(work: str) -> Side:
     return lambda site: rate(work, site) / 1e6
 
 
-def in_thousands(work: str) -> Measure:
+def in_thousands(work: str) -> Side:
     return lambda site: rate(work, site) / 1e3
 
 
-def nanoseconds(work: str) -> Measure:
+def nanoseconds(work: str) -> Side:
     return lambda site: 1e9 / rate(work, site)
 
 
-def microseconds(work: str) -> Measure:
+def microseconds(work: str) -> Side:
     return lambda site: 1e6 / rate(work, site)
 
 
@@ -78,10 +77,6 @@ def settings_growth(site: Site) -> list[Curve]:
     ]
 
 
-queue_row = functools.partial(
-    Row, unit="ns a message", target=Target("at most", 1.5), agent=nanoseconds("queue/agent/64/1000")
-)
-
 ROWS = [
     Row(
         name="4",
@@ -89,20 +84,23 @@ ROWS = [
         beside="memcpy of the same bytes",
         unit="MB/s",
         target=Target("at least", 0.6),
-        agent=in_millions("parse/agent"),
-        floor=in_millions("parse/floor"),
+        measure=by_turns(in_millions("parse/agent"), in_millions("parse/floor")),
     ),
-    queue_row(
+    Row(
         name="5",
         work="messages of 64 bytes through the parser and the queue to the worker",
         beside="malloc, memcpy, mutex and push, mutex and pop, free: one block for each message",
-        floor=nanoseconds("queue/floor/64/1000"),
+        target=Target("at most", 1.5),
+        unit="ns a message",
+        measure=by_turns(nanoseconds("queue/agent/64/1000"), nanoseconds("queue/floor/64/1000")),
     ),
-    queue_row(
+    Row(
         name="5 apart",
         work="the same",
-        beside="the same with a record, a name and a payload for each message, as they change hands",
-        floor=nanoseconds("queue/apart/64/1000"),
+        beside="the same with three blocks for each message: record, name and payload",
+        target=None,
+        unit="ns a message",
+        measure=by_turns(nanoseconds("queue/agent/64/1000"), nanoseconds("queue/apart/64/1000")),
     ),
     Row(
         name="10",
@@ -110,8 +108,7 @@ ROWS = [
         beside="stat, open, write, close",
         unit="thousand lines/s",
         target=Target("at least", 0.9),
-        agent=in_thousands("log_line/agent"),
-        floor=in_thousands("log_line/floor"),
+        measure=by_turns(in_thousands("log_line/agent"), in_thousands("log_line/floor")),
     ),
     Row(
         name="11",
@@ -119,8 +116,7 @@ ROWS = [
         beside="an integer comparison",
         unit="ns",
         target=Target("at most", 2, " ns"),
-        agent=nanoseconds("filtered_call/agent"),
-        floor=nanoseconds("filtered_call/floor"),
+        measure=by_turns(nanoseconds("filtered_call/agent"), nanoseconds("filtered_call/floor")),
         compare=difference,
     ),
     Row(
@@ -129,8 +125,7 @@ ROWS = [
         beside="one stat of the file",
         unit="ns",
         target=Target("at most", 1.3),
-        agent=nanoseconds("setting/agent/200"),
-        floor=nanoseconds("setting/floor/200"),
+        measure=by_turns(nanoseconds("setting/agent/200"), nanoseconds("setting/floor/200")),
     ),
     Row(
         name="13",
@@ -138,8 +133,8 @@ ROWS = [
         beside="lock, write, fsync, rename, fsync of the folder",
         unit="us",
         target=Target("at most", 1.1),
-        agent=microseconds("commit/agent"),
-        floor=microseconds("commit/floor"),
+        measure=by_turns(microseconds("commit/agent"), microseconds("commit/floor")),
+        pairs=21,
     ),
     Row(
         name="14",
@@ -147,7 +142,7 @@ ROWS = [
         beside="nothing",
         unit="KiB",
         target=Target("at most", 200, " KiB"),
-        agent=program_size,
+        measure=by_turns(program_size),
         compare=alone,
         pairs=1,
     ),

@@ -6,20 +6,33 @@ import contextlib
 import statistics
 import time
 from collections.abc import Callable, Iterator
+from dataclasses import dataclass
 from pathlib import Path
 
-from row import Row, Site, Target, alone, difference
+from row import Row, Site, Target, alone, by_turns, difference
 
 from ._crowd import crowd
 from ._processes import memory, quiet, settle_disk, wakeups
 from ._service import Device, Life, Service
 
-STARTS, START_PAIRS = 8, 21  # short turns and many of them, because the disk is faster now and slower then
+STARTS, START_PAIRS = 8, 41  # short turns and many of them, because the disk is faster now and slower then
 IDLE_SECONDS = 60
-MESSAGES, MESSAGE_SIZE = 100_000, 256
 FEW, CROWD = 50, 200
 
 Command = Callable[[Device], list[str]]
+
+
+@dataclass(frozen=True)
+class Messages:
+    """What is sent through the device: so many messages at a time that its queue holds them."""
+
+    count: int
+    size: int
+    burst: int
+
+
+HALF_FULL = Messages(100_000, size=256, burst=500)
+FULL = Messages(20_000, size=3900, burst=980)  # as many of them as the queue holds, by number and by bytes
 
 
 def agent(device: Device) -> list[str]:
@@ -53,7 +66,7 @@ def start_time(command: Command, registered: bool) -> Callable[[Site], float]:
     return measure
 
 
-def idle_memory(command: Command, messages: int = 0) -> Callable[[Site], float]:
+def idle_memory(command: Command, messages: Messages | None = None) -> Callable[[Site], float]:
     def measure(site: Site) -> float:
         settle_disk()
         with one_device(site) as (service, device):
@@ -61,7 +74,7 @@ def idle_memory(command: Command, messages: int = 0) -> Callable[[Site], float]:
             with Life(service, command(device)) as life:
                 quiet([life.pid])
                 if messages:
-                    service.send(messages, MESSAGE_SIZE)
+                    service.send(messages.count, messages.size, messages.burst)
                     quiet([life.pid])
                 sizes = memory(life.pid)
         program = Path(command(device)[0]).name
@@ -88,8 +101,7 @@ ROWS = [
         beside="a bare program with the same requests, TLS connect and settings commits",
         unit="ms",
         target=Target("at most", 1.10),
-        agent=start_time(agent, registered=True),
-        floor=start_time(floor, registered=True),
+        measure=by_turns(start_time(agent, registered=True), start_time(floor, registered=True)),
         pairs=START_PAIRS,
     ),
     Row(
@@ -97,9 +109,8 @@ ROWS = [
         work="the first start of all, which registers, too",
         beside="the bare program, which registers, too",
         unit="ms",
-        target=Target("at most", 1.10),
-        agent=start_time(agent, registered=False),
-        floor=start_time(floor, registered=False),
+        target=None,
+        measure=by_turns(start_time(agent, registered=False), start_time(floor, registered=False)),
         pairs=START_PAIRS,
     ),
     Row(
@@ -108,9 +119,7 @@ ROWS = [
         beside="the bare program's",
         unit="KiB",
         target=Target("at most", 1.10),
-        agent=idle_memory(agent),
-        floor=idle_memory(floor),
-        pairs=3,
+        measure=by_turns(idle_memory(agent), idle_memory(floor)),
     ),
     Row(
         name="8 after",
@@ -118,10 +127,17 @@ ROWS = [
         beside="the agent's before them",
         unit="KiB",
         target=Target("at most", 1024, " KiB"),
-        agent=idle_memory(agent, MESSAGES),
-        floor=idle_memory(agent),
+        measure=by_turns(idle_memory(agent, HALF_FULL), idle_memory(agent)),
         compare=difference,
-        pairs=1,
+    ),
+    Row(
+        name="8 full",
+        work="the same after 20,000 messages of 3,900 bytes that fill the queue again and again",
+        beside="the agent's before them",
+        unit="KiB",
+        target=Target("at most", 1024, " KiB"),
+        measure=by_turns(idle_memory(agent, FULL), idle_memory(agent)),
+        compare=difference,
     ),
     Row(
         name="9",
@@ -129,7 +145,7 @@ ROWS = [
         beside="none",
         unit="wake-ups",
         target=Target("at most", 0),
-        agent=idle_wakeups,
+        measure=by_turns(idle_wakeups),
         compare=alone,
         pairs=1,
     ),
@@ -139,9 +155,7 @@ ROWS = [
         beside=f"of each of {FEW}",
         unit="KiB",
         target=Target("at most", 1.2),
-        agent=lambda site: crowd(site, CROWD).proportional,
-        floor=lambda site: crowd(site, FEW).proportional,
-        pairs=1,
+        measure=by_turns(lambda site: crowd(site, CROWD).proportional, lambda site: crowd(site, FEW).proportional),
     ),
     Row(
         name="15 time",
@@ -149,8 +163,6 @@ ROWS = [
         beside=f"{FEW} agents",
         unit="ms",
         target=Target("at most", 1.2),
-        agent=lambda site: crowd(site, CROWD).milliseconds,
-        floor=lambda site: crowd(site, FEW).milliseconds,
-        pairs=1,
+        measure=by_turns(lambda site: crowd(site, CROWD).milliseconds, lambda site: crowd(site, FEW).milliseconds),
     ),
 ]

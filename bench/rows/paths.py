@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import contextlib
 import functools
-import os
 import shutil
+import statistics
 import subprocess
 import tempfile
 from collections.abc import Callable, Iterator, Sequence
@@ -14,14 +14,17 @@ from pathlib import Path
 
 from orvel_lab import Agent, Lab
 from orvel_lab.certificates import Authority
+from orvel_lab.waiting import poll_readable
 
 from row import Curve, Growth, Row, Site, Target
 
 HANDLER = "bench"
 SETTING = f"q_handler_{HANDLER}"
 PATIENCE = 60
+LONGEST = 1200  # that a measurement may take: 5,000,000 messages, on a machine that is slow
 SECOND = 1_000_000_000  # in the nanoseconds of the programs
 READ_SIZE = 4096  # the agent's buffer for what it reads from the broker
+SLICES = 10  # by which agent and floor take turns within a pair
 
 # What the agent's queue holds, with some room left: the peer must not send more than that at a time.
 MOST_MESSAGES, MOST_BYTES, OVERHEAD = 900, 3_600_000, 24
@@ -51,12 +54,12 @@ class Peer:
 
     def __init__(self, program: Path, *arguments: str | Path) -> None:
         command = [program, *arguments]
-        self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, bufsize=1)
+        self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
         port, self.endpoint = self._line().split(" ", 1)
         self.port = int(port)
 
     def ask(self, line: str) -> str:
-        print(line, file=self._process.stdin)
+        self._process.stdin.write(f"{line}\n".encode())
         return self._line()
 
     def answer(self) -> str:
@@ -68,7 +71,9 @@ class Peer:
         self._process.communicate()
 
     def _line(self) -> str:
-        line = self._process.stdout.readline()
+        if not poll_readable([self._process.stdout], LONGEST):
+            raise TimeoutError("the peer does not answer")
+        line = self._process.stdout.readline().decode()
         assert line.endswith("\n"), "the peer has ended"
         return line.strip()
 
@@ -93,7 +98,7 @@ class Scene:
 
     def run_floor(self, program: str, *arguments: object) -> int:
         command = [self.site.build / "bin" / program, *map(str, arguments)]
-        return int(subprocess.run(command, stdout=subprocess.PIPE, check=True, timeout=10 * PATIENCE).stdout)
+        return int(subprocess.run(command, stdout=subprocess.PIPE, check=True, timeout=LONGEST).stdout)
 
 
 @functools.cache
@@ -127,33 +132,50 @@ def scene(site: Site, load: Load) -> Iterator[Scene]:
 
 # --- delivery, in messages a second
 
+Deliver = Callable[[int], int]  # so many messages; how many nanoseconds that took
 
-def delivered_by_agent(load: Load, site: Site) -> float:
+
+@contextlib.contextmanager
+def agent_side(load: Load, site: Site) -> Iterator[Deliver]:
     with scene(site, load) as this, this.connected_agent():
-        order = f"deliver {HANDLER} {load.count} {load.size} {load.open_at_once}"
-        return load.count * SECOND / int(this.peer.ask(order))
+        yield lambda count: int(this.peer.ask(f"deliver {HANDLER} {count} {load.size} {load.open_at_once}"))
 
 
-def delivered_by_floor(load: Load, site: Site) -> float:
+@contextlib.contextmanager
+def floor_side(load: Load, site: Site, *more: str) -> Iterator[Deliver]:
     program = "floor_programs" if load.kind == "program" else "floor_sockets"
     with scene(site, load) as this:
         log = this.lab.folder / "floor.log"
         log.touch()
         logs = [log, load.log_lines] if load.log_lines else []
-        this.peer.ask(f"collect {load.count} {load.size}")
-        begun = this.run_floor(program, this.lab.settings_path, SETTING, load.count, load.size, *logs)
-        return load.count * SECOND / (int(this.peer.answer()) - begun)
+
+        def deliver(count: int) -> int:
+            this.peer.ask(f"collect {count} {load.size}")
+            begun = this.run_floor(program, this.lab.settings_path, SETTING, count, load.size, *logs, *more)
+            return int(this.peer.answer()) - begun
+
+        yield deliver
 
 
-def delivery(name: str, load: Load, target: float, work: str, beside: str) -> Row:
-    agent = functools.partial(delivered_by_agent, load)
-    floor = functools.partial(delivered_by_floor, load)
-    return Row(name, work, beside, "messages/s", Target("at least", target), agent, floor)
+def delivery_rates(load: Load, floor_options: Sequence[str], site: Site) -> tuple[float, float]:
+    """Slice by slice, because the machine is faster now and slower then; the middle slice of each counts."""
+    with agent_side(load, site) as agent, floor_side(load, site, *floor_options) as floor:
+        times = [(agent(load.count // SLICES), floor(load.count // SLICES)) for _ in range(SLICES)]
+    agent_time, floor_time = map(statistics.median, zip(*times))
+    return load.count // SLICES * SECOND / agent_time, load.count // SLICES * SECOND / floor_time
+
+
+def delivery(
+    name: str, load: Load, target: float | None, work: str, beside: str, *floor_options: str, pairs: int = 0
+) -> Row:
+    measure = functools.partial(delivery_rates, load, floor_options)
+    return Row(name, work, beside, "messages/s", target and Target("at least", target), measure, pairs=pairs)
 
 
 def delivery_times(loads: Sequence[Load], x_of: Callable[[Load], float], site: Site) -> list[Curve]:
-    agent = [(x_of(load), 1e6 / delivered_by_agent(load, site)) for load in loads]
-    floor = [(x_of(load), 1e6 / delivered_by_floor(load, site)) for load in loads]
+    rates = [(x_of(load), *delivery_rates(load, [], site)) for load in loads]
+    agent = [(x, 1e6 / rate) for x, rate, _ in rates]
+    floor = [(x, 1e6 / rate) for x, _, rate in rates]
     return [Curve("agent", agent), Curve("floor", floor)]
 
 
@@ -166,38 +188,68 @@ class Received:
     processor: float
 
 
-def flood(this: Scene) -> float:
-    """Sends everything; MiB a second."""
-    load = this.load
-    took = int(this.peer.ask(f"flood {HANDLER} {load.count} {load.size}"))
-    return load.count * load.size / 2**20 / (took / SECOND)
-
-
 def processor_seconds(agent: Agent) -> float:
-    fields = Path(f"/proc/{agent.pid}/stat").read_text().rpartition(")")[2].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    """Of all threads, in the scheduler's nanoseconds."""
+    tasks = Path(f"/proc/{agent.pid}/task").glob("*/schedstat")
+    return sum(int(each.read_text().split()[0]) for each in tasks) / SECOND
 
 
-def received_by_agent(load: Load, site: Site) -> Received:
+def flood(this: Scene) -> float:
+    """Sends what was sealed; MiB a second."""
+    load = this.load
+    return load.count * load.size / 2**20 / (int(this.peer.ask("flood")) / SECOND)
+
+
+Receive = Callable[[], Received]
+
+
+@contextlib.contextmanager
+def receiving_agent(load: Load, site: Site) -> Iterator[Receive]:
     with scene(site, load) as this, this.connected_agent() as agent:
         this.peer.ask(f"plug {HANDLER}")
-        before = processor_seconds(agent)
-        rate = flood(this)
-        return Received(rate, processor_seconds(agent) - before)
+        this.peer.ask(f"seal {HANDLER} {load.count} {load.size}")
+
+        def receive() -> Received:
+            before = processor_seconds(agent)
+            rate = flood(this)
+            return Received(rate, processor_seconds(agent) - before)
+
+        yield receive
 
 
-def received_by_floor(load: Load, site: Site) -> Received:
+@contextlib.contextmanager
+def receiving_floor(load: Load, site: Site, *more: str) -> Iterator[Receive]:
     with scene(site, load) as this:
-        command = [site.build / "bin" / "floor_tls", str(this.peer.port), this.lab.authority.path, str(READ_SIZE)]
+        program = site.build / "bin" / "floor_tls"
+        command = [program, str(this.peer.port), this.lab.authority.path, str(READ_SIZE), *more]
         with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as floor:
             this.peer.ask("accept")
-            rate = flood(this)
-            return Received(rate, int(floor.stdout.read()) / SECOND)
+            this.peer.ask(f"seal {HANDLER} {load.count} {load.size}")
+            yield lambda: Received(flood(this), int(floor.stdout.read()) / SECOND)
+
+
+def received(load: Load, floor_options: Sequence[str], site: Site) -> tuple[Received, Received]:
+    with receiving_agent(load, site) as receive:
+        agent = receive()
+    with receiving_floor(load, site, *floor_options) as receive:
+        floor = receive()
+    return agent, floor
+
+
+def receiving_rates(load: Load, floor_options: Sequence[str], site: Site) -> tuple[float, float]:
+    agent, floor = received(load, floor_options, site)
+    return agent.rate, floor.rate
+
+
+def receiving_processor(load: Load, site: Site) -> tuple[float, float]:
+    agent, floor = received(load, [], site)
+    return agent.processor, floor.processor
 
 
 def receiving_times(loads: Sequence[Load], site: Site) -> list[Curve]:
-    agent = [(load.size, 1e6 / received_by_agent(load, site).rate) for load in loads]
-    floor = [(load.size, 1e6 / received_by_floor(load, site).rate) for load in loads]
+    rates = [(load.size, *receiving_rates(load, [], site)) for load in loads]
+    agent = [(size, 1e6 / rate) for size, rate, _ in rates]
+    floor = [(size, 1e6 / rate) for size, _, rate in rates]
     return [Curve("agent", agent), Curve("floor", floor)]
 
 
@@ -210,33 +262,42 @@ TO_PROGRAM = Load("program", 2_000, 256)
 STREAM = Load("tls", 2**30 // 4096, 4096)
 
 SOCKETS = "setting read, socket, connect, send, close"
+PROGRAMS = "setting read, stat, pipe, {}, exec, write, reap"
 
 ROWS = [
-    delivery("1", MESSAGES, 0.95, "50,000 messages of 256 bytes from the broker to a TCP handler", SOCKETS),
-    delivery("1 logged", LOGGED, 0.95, "the same with --log_info", SOCKETS + ", and as many log lines (2)"),
+    delivery("1", MESSAGES, 0.95, "50,000 messages of 256 bytes from the broker to a TCP handler", SOCKETS, pairs=11),
+    delivery("1 logged", LOGGED, None, "the same with --log_info", SOCKETS + ", and as many log lines (2)"),
     delivery("2", TO_UNIX, 0.80, "50,000 messages of 256 bytes from the broker to a Unix socket", SOCKETS + ", and stat"),
-    delivery("3", TO_PROGRAM, 0.95, "2,000 messages to a program", "setting read, stat, pipe, fork, exec, write, reap"),
+    delivery("3", TO_PROGRAM, 0.95, "2,000 messages to a program", PROGRAMS.format("fork"), pairs=11),
+    delivery("3 vfork", TO_PROGRAM, None, "the same", PROGRAMS.format("vfork"), "vfork"),
     Row(
         "6",
         "1 GiB of messages of 4 KiB over TLS, dropped at a full queue, no log",
         f"SSL_read of {READ_SIZE} bytes, again and again",
         "MiB/s",
         Target("at least", 0.9),
-        lambda site: received_by_agent(STREAM, site).rate,
-        lambda site: received_by_floor(STREAM, site).rate,
+        functools.partial(receiving_rates, STREAM, []),
+        pairs=21,
+    ),
+    Row(
+        "6 ahead",
+        "the same",
+        "the same, OpenSSL reading ahead",
+        "MiB/s",
+        None,
+        functools.partial(receiving_rates, STREAM, ["ahead"]),
     ),
     Row(
         "6 processor",
         "the processor's time for that",
         "the same",
         "s",
-        Target("at most", 1.1),
-        lambda site: received_by_agent(STREAM, site).processor,
-        lambda site: received_by_floor(STREAM, site).processor,
+        None,
+        functools.partial(receiving_processor, STREAM),
     ),
 ]
 
-COUNTS = [Load("tcp", count, 256) for count in (5_000, 50_000, 500_000)]
+COUNTS = [Load("tcp", count, 256) for count in (50_000, 500_000, 5_000_000)]
 SIZES = [Load("tcp", 10_000, size) for size in (16, 64, 256, 1024, 4096, 16_384, 65_536)]
 STREAMS = [Load("tls", 2**27 // size, size) for size in (64, 256, 1024, 4096, 16_384, 65_536)]
 
