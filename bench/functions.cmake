@@ -1,4 +1,5 @@
-# Single functions of the agent and of the settings library beside their floors: bench_functions [--benchmark_...] FOLDER.
+# Single functions of the agent and of the settings library beside their floors:
+# bench_functions [--benchmark_...] FOLDER
 orvel_bench_program(bench_functions
   functions/main.cpp
   functions/log.cpp

@@ -42,39 +42,45 @@ def alone(agent: float, _floor: float) -> float:
     return agent
 
 
-Side = Callable[[Site], float]
-Measure = Callable[[Site], tuple[float, float]]
-
-
-def no_floor(_site: Site) -> float:
-    return 0.0
-
-
-def by_turns(agent: Side, floor: Side = no_floor) -> Measure:
-    return lambda site: (agent(site), floor(site))
-
-
 @dataclass(frozen=True)
 class Row:
-    """`measure` gives what agent and floor come to, in `unit`; run.py calls it for each pair and lets `compare` judge.
-
-    A rate is compared as floor time / agent time (or rates: agent / floor), so that more is better; a time or a size
-    as agent / floor, so that less is better.
-    """
+    """What is compared. A rate is compared as agent / floor, so that more is better; a time or a size, too, so that less
+    is better."""
 
     name: str  # "1", or "8 idle" for one of several of the same number
     work: str
     beside: str  # what the floor does
     unit: str
     target: Target | None  # None: measured beside another row, to explain it
-    measure: Measure
     compare: Callable[[float, float], float] = ratio
-    pairs: int = 0  # 0: as many as the run asks for; 1 where it can't vary, more where the machine's own drift shows
+
+    @property
+    def number(self) -> int:
+        return int(self.name.split()[0])
 
     def verdict(self, value: float) -> str:
         if self.target is None:
             return "-"
         return "met" if self.target.met(value) else "missed"
+
+
+Sides = tuple[float, float]  # what agent and floor come to, in the row's unit
+Side = Callable[[Site], float]
+
+
+@dataclass(frozen=True)
+class Trial:
+    """Rows that are measured together. `measure` gives what each comes to, in their order; run.py calls it for each
+    pair."""
+
+    rows: Sequence[Row]
+    measure: Callable[[Site], Sequence[Sides]]
+    pairs: int = 7  # 1 where it can't vary; more where the machine's own drift shows
+
+
+def by_turns(row: Row, agent: Side, floor: Side = lambda _site: 0.0, pairs: int = 7) -> Trial:
+    """A row by itself: first the agent, then the floor."""
+    return Trial([row], lambda site: [(agent(site), floor(site))], pairs)
 
 
 @dataclass(frozen=True)

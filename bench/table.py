@@ -27,7 +27,7 @@ def line(result: Result) -> str:
         result["floor_work"],
         f"{number(result['agent'])} {result['unit']}",
         number(result["floor"]),
-        number(result["result"]),
+        f"{number(result['result'])}{result['result_unit']}",
         f"{spread} ({result['pairs']})",
         result["target"] or "",
         result["verdict"],

@@ -49,6 +49,9 @@ int main(int argc, char** argv) {
   const long count = atol(argv[3]);
   const size_t size = (size_t)atol(argv[4]);
   const char* message = new_message(size);
+  char* endpoint = NULL;
+  require(usiGet(argv[2], &endpoint, 1024) == 0, "setting");  // the settings are loaded before the time runs
+  free(endpoint);
 
   const int64_t begun = clock_ns(CLOCK_MONOTONIC);
   for (long number = 0; number < count; ++number) {

@@ -3,8 +3,8 @@
  * block of memory, one copy of the bytes, and the mutex once at each end of the queue: floor_push(). There is no limit,
  * and nobody is woken up.
  *
- * Name and payload of the agent's messages change hands as two blocks, whoever sends them, and a record on the queue
- * holds the two: floor_push_apart() is the least for that.
+ * Name and payload of the agent's messages change hands as two blocks, whoever sends them: floor_push_apart() is the
+ * least for that. Its records are used in turn; there are more than the callers ever have on the queue.
  */
 #include "floor/floor.h"
 
@@ -17,8 +17,10 @@ struct floor_message {
   char* name;
   unsigned char* payload;
   uint32_t payload_size;
-  unsigned char bytes[]; /* of floor_push(): the name, terminated, and the payload */
 };
+
+static struct floor_message records[2048];
+static size_t next_record; /* the pushing thread's */
 
 static struct {
   pthread_mutex_t lock;
@@ -49,18 +51,18 @@ static void fill(struct floor_message* message, const char* name, size_t name_si
 int floor_push(const char* name, size_t name_size, const void* payload, uint32_t payload_size) {
   struct floor_message* message = malloc(sizeof *message + name_size + 1 + payload_size);
   if (message == NULL) return -1;
-  message->name = (char*)message->bytes;
-  message->payload = message->bytes + name_size + 1;
+  message->name = (char*)(message + 1);
+  message->payload = (unsigned char*)message->name + name_size + 1;
   fill(message, name, name_size, payload, payload_size);
   append(message);
   return 0;
 }
 
 int floor_push_apart(const char* name, size_t name_size, const void* payload, uint32_t payload_size) {
-  struct floor_message* message = malloc(sizeof *message);
+  struct floor_message* message = &records[next_record++ % (sizeof records / sizeof *records)];
   char* name_block = malloc(name_size + 1);
   unsigned char* payload_block = malloc(payload_size);
-  if (message == NULL || name_block == NULL || payload_block == NULL) return -1;
+  if (name_block == NULL || payload_block == NULL) return -1;
   message->name = name_block;
   message->payload = payload_block;
   fill(message, name, name_size, payload, payload_size);
@@ -78,9 +80,10 @@ struct floor_message* floor_pop(void) {
 }
 
 void floor_free(struct floor_message* message) {
-  if (message->name != (char*)message->bytes) {
+  if (message->name == (char*)(message + 1)) {
+    free(message);
+  } else {
     free(message->name);
     free(message->payload);
   }
-  free(message);
 }

@@ -145,14 +145,17 @@ void queue_of_floor(benchmark::State& state, decltype(floor_push)* push) {
     gate().held.acquire();
     const auto begin = busy_time();
     for (size_t i = 0; i < messages; ++i) {
-      push(handler_name.data(), handler_name.size(), payloads.data() + i * payload_size,
-           static_cast<uint32_t>(payload_size));
+      must(push(handler_name.data(), handler_name.size(), payloads.data() + i * payload_size,
+                static_cast<uint32_t>(payload_size)) == 0,
+           "push");
     }
     return busy_time() - begin + gate().drain(messages);
   });
   gate().held.acquire();
   worker.request_stop();
   gate().open.release();
+  worker.join();
+  gate().hold_next = true;
 }
 
 // Size of the payload, number of messages.

@@ -9,7 +9,7 @@
 //   collect COUNT SIZE             "ready"; when all have arrived, the nanosecond (monotonic) of the last byte
 //   plug NAME                      sends one message that nobody takes; "sent"
 //   seal NAME COUNT SIZE           encrypts as many messages as they will go out; "sealed"
-//   flood                          sends them and closes; nanoseconds until the agent, having read it all, has closed, too
+//   flood                          sends them and closes; nanoseconds until the agent, having read all, has closed, too
 
 #include "link.h"
 #include "peer.h"

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstdint>
@@ -67,6 +68,7 @@ listening_socket listen_on_loopback() {
 void accept_forever(int listening, const std::function<void(int)>& serve) {
   for (;;) {
     const int accepted = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted < 0 && errno != ECONNABORTED && errno != EINTR) give_up("accept");
     if (accepted < 0) continue;
     std::thread{[accepted, serve] {
       const int on = 1;
@@ -244,7 +246,8 @@ void send_messages(size_t total, size_t size, size_t burst) {
     const size_t some = std::min(burst, total - sent);
     {
       const std::lock_guard guard{newest_lock};
-      for (size_t i = 0; i < some && newest != nullptr; ++i) {
+      if (newest == nullptr) give_up("no device to send to");
+      for (size_t i = 0; i < some; ++i) {
         SSL_write(newest, message.data(), static_cast<int>(message.size()));
       }
     }

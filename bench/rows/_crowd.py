@@ -47,7 +47,8 @@ def crowd(site: Site, count: int) -> Cost:
         try:
             commands = [_command(site, lab, number) for number in range(count)]
             begun = time.monotonic()
-            pids += [spawn(command) for command in commands]
+            for command in commands:
+                pids.append(spawn(command))
             wait_until(lambda: _identified(lab.broker.sessions) >= count, f"{count} identities", DEADLINE)
             seconds = time.monotonic() - begun
             quiet(pids)
@@ -88,4 +89,5 @@ def _allow_descriptors(count: int) -> None:
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     wanted = count + 1024
     if soft != resource.RLIM_INFINITY and soft < wanted:
-        resource.setrlimit(resource.RLIMIT_NOFILE, (min(wanted, hard) if hard != resource.RLIM_INFINITY else wanted, hard))
+        allowed = wanted if hard == resource.RLIM_INFINITY else min(wanted, hard)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (allowed, hard))

@@ -32,15 +32,18 @@ class Service:
             stdout=subprocess.PIPE,
             bufsize=0,
         )
-        self.cloud, self.broker, self.sink, self.reports = map(int, self._next("ports").split())
+        try:
+            self.cloud, self.broker, self.sink, self.reports = map(int, self._next("ports").split())
+        except Exception:
+            self.__exit__()
+            raise
 
     def __enter__(self) -> Service:
         return self
 
     def __exit__(self, *_error: object) -> None:
-        self._process.stdin.close()
-        self._process.wait(DEADLINE)
-        self._process.stdout.close()
+        self._process.kill()
+        self._process.communicate()
 
     def identity(self) -> int:
         """When the next identity came, in nanoseconds of the monotonic clock."""
@@ -120,7 +123,11 @@ class Life:
     def __enter__(self) -> Life:
         begun = time.monotonic_ns()
         self.pid = spawn(self._command)
-        self.milliseconds = (self._service.identity() - begun) / 1e6  # from exec to the identity
+        try:
+            self.milliseconds = (self._service.identity() - begun) / 1e6  # from exec to the identity
+        except Exception:
+            self.__exit__()
+            raise
         return self
 
     def __exit__(self, *_error: object) -> None:

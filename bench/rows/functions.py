@@ -10,13 +10,14 @@ import tempfile
 from collections.abc import Sequence
 from pathlib import Path
 
-from row import Curve, Growth, Row, Side, Site, Target, alone, by_turns, difference
+from row import Curve, Growth, Row, Side, Sides, Site, Target, Trial, alone, by_turns, difference
 
 PROJECT = Path(__file__).resolve().parents[2]
 MESSAGE_SIZES = (16, 64, 256, 1024, 4096, 16384, 65536)
 MESSAGE_COUNTS = (1_000, 10_000, 100_000)
 SETTINGS = (10, 20, 50, 100, 200, 500, 1000, 2000)
 GROWTH_ROUNDS = 3
+LONGEST = 600  # seconds for one benchmark
 
 
 def rate(work: str, site: Site, seconds: float = 0.5) -> float:
@@ -25,7 +26,8 @@ def rate(work: str, site: Site, seconds: float = 0.5) -> float:
         command: list[str | Path] = [site.build / "bin/bench_functions", folder, "--benchmark_format=json"]
         # The library adds to a name how its time is counted.
         command += [f"--benchmark_filter=^{work}(/iterations:[0-9]+|/manual_time)?$", f"--benchmark_min_time={seconds}"]
-        output = subprocess.run(command, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
+        quietly = {"stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL, "timeout": LONGEST}
+        output = subprocess.run(command, check=True, **quietly).stdout
     (result,) = json.loads(output)["benchmarks"]
     return float(result["items_per_second"])
 
@@ -77,73 +79,82 @@ def settings_growth(site: Site) -> list[Curve]:
     ]
 
 
-ROWS = [
-    Row(
-        name="4",
-        work="the parser over a stream of 64 KiB chunks",
-        beside="memcpy of the same bytes",
-        unit="MB/s",
-        target=Target("at least", 0.6),
-        measure=by_turns(in_millions("parse/agent"), in_millions("parse/floor")),
+def queue_times(site: Site) -> list[Sides]:
+    agent, floor, apart = (nanoseconds(f"queue/{side}/64/1000")(site) for side in ("agent", "floor", "apart"))
+    return [(agent, floor), (agent, apart)]
+
+
+QUEUE = Row(
+    "5",
+    "messages of 64 bytes through the parser and the queue to the worker",
+    "malloc, memcpy, mutex and push, mutex and pop, free: one block for each message",
+    "ns a message",
+    Target("at most", 1.5),
+)
+QUEUE_APART = Row(
+    "5 apart",
+    "row 5",
+    "the same with a block for the name and one for the payload, as they change hands",
+    "ns a message",
+    None,
+)
+
+TRIALS = [
+    by_turns(
+        Row(
+            "4",
+            "the parser over a stream of 64 KiB chunks",
+            "memcpy of the same bytes",
+            "MB/s",
+            Target("at least", 0.6),
+        ),
+        in_millions("parse/agent"),
+        in_millions("parse/floor"),
     ),
-    Row(
-        name="5",
-        work="messages of 64 bytes through the parser and the queue to the worker",
-        beside="malloc, memcpy, mutex and push, mutex and pop, free: one block for each message",
-        target=Target("at most", 1.5),
-        unit="ns a message",
-        measure=by_turns(nanoseconds("queue/agent/64/1000"), nanoseconds("queue/floor/64/1000")),
+    Trial([QUEUE, QUEUE_APART], queue_times, pairs=11),
+    by_turns(
+        Row("10", "a log line to the file", "stat, open, write, close", "thousand lines/s", Target("at least", 0.9)),
+        in_thousands("log_line/agent"),
+        in_thousands("log_line/floor"),
     ),
-    Row(
-        name="5 apart",
-        work="the same",
-        beside="the same with three blocks for each message: record, name and payload",
-        target=None,
-        unit="ns a message",
-        measure=by_turns(nanoseconds("queue/agent/64/1000"), nanoseconds("queue/apart/64/1000")),
+    by_turns(
+        Row(
+            "11",
+            "a log call that is filtered",
+            "an integer comparison",
+            "ns",
+            Target("at most", 2, " ns"),
+            difference,
+        ),
+        nanoseconds("filtered_call/agent"),
+        nanoseconds("filtered_call/floor"),
     ),
-    Row(
-        name="10",
-        work="a log line to the file",
-        beside="stat, open, write, close",
-        unit="thousand lines/s",
-        target=Target("at least", 0.9),
-        measure=by_turns(in_thousands("log_line/agent"), in_thousands("log_line/floor")),
+    by_turns(
+        Row(
+            "12",
+            "a setting read, one of 200, file unchanged",
+            "one stat of the file",
+            "ns",
+            Target("at most", 1.3),
+        ),
+        nanoseconds("setting/agent/200"),
+        nanoseconds("setting/floor/200"),
     ),
-    Row(
-        name="11",
-        work="a log call that is filtered",
-        beside="an integer comparison",
-        unit="ns",
-        target=Target("at most", 2, " ns"),
-        measure=by_turns(nanoseconds("filtered_call/agent"), nanoseconds("filtered_call/floor")),
-        compare=difference,
-    ),
-    Row(
-        name="12",
-        work="a setting read, one of 200, file unchanged",
-        beside="one stat of the file",
-        unit="ns",
-        target=Target("at most", 1.3),
-        measure=by_turns(nanoseconds("setting/agent/200"), nanoseconds("setting/floor/200")),
-    ),
-    Row(
-        name="13",
-        work="a commit of one changed setting of 200",
-        beside="lock, write, fsync, rename, fsync of the folder",
-        unit="us",
-        target=Target("at most", 1.1),
-        measure=by_turns(microseconds("commit/agent"), microseconds("commit/floor")),
+    by_turns(
+        Row(
+            "13",
+            "a commit of one changed setting of 200",
+            "lock, write, fsync, rename, fsync of the folder",
+            "us",
+            Target("at most", 1.1),
+        ),
+        microseconds("commit/agent"),
+        microseconds("commit/floor"),
         pairs=21,
     ),
-    Row(
-        name="14",
-        work="text and data of the stripped program",
-        beside="nothing",
-        unit="KiB",
-        target=Target("at most", 200, " KiB"),
-        measure=by_turns(program_size),
-        compare=alone,
+    by_turns(
+        Row("14", "text and data of the stripped program", "nothing", "KiB", Target("at most", 200, " KiB"), alone),
+        program_size,
         pairs=1,
     ),
 ]

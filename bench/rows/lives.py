@@ -5,11 +5,11 @@ from __future__ import annotations
 import contextlib
 import statistics
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from row import Row, Site, Target, alone, by_turns, difference
+from row import Row, Sides, Site, Target, Trial, alone, by_turns, difference
 
 from ._crowd import crowd
 from ._processes import memory, quiet, settle_disk, wakeups
@@ -32,7 +32,7 @@ class Messages:
 
 
 HALF_FULL = Messages(100_000, size=256, burst=500)
-FULL = Messages(20_000, size=3900, burst=980)  # as many of them as the queue holds, by number and by bytes
+FULL = Messages(20_000, size=3900, burst=980)  # nearly as many as the queue holds, by number and by bytes
 
 
 def agent(device: Device) -> list[str]:
@@ -66,22 +66,40 @@ def start_time(command: Command, registered: bool) -> Callable[[Site], float]:
     return measure
 
 
-def idle_memory(command: Command, messages: Messages | None = None) -> Callable[[Site], float]:
-    def measure(site: Site) -> float:
-        settle_disk()
-        with one_device(site) as (service, device):
-            device.prepare()
-            with Life(service, command(device)) as life:
-                quiet([life.pid])
-                if messages:
-                    service.send(messages.count, messages.size, messages.burst)
-                    quiet([life.pid])
-                sizes = memory(life.pid)
-        program = Path(command(device)[0]).name
-        print(f"          {program}: private dirty {sizes['Private_Dirty']} KiB, PSS {sizes['Pss']} KiB", flush=True)
-        return sizes["Private_Dirty"]
+def idle_memory(service: Service, command: list[str], loads: Sequence[Messages] = ()) -> list[float]:
+    """KiB that are private and dirty, before any message and after each of these loads."""
+    with Life(service, command) as life:
+        sizes = [rest(life.pid)]
+        for load in loads:
+            service.send(load.count, load.size, load.burst)
+            sizes.append(rest(life.pid))
+    described = ", ".join(f"private dirty {size['Private_Dirty']} KiB, PSS {size['Pss']} KiB" for size in sizes)
+    print(f"          {Path(command[0]).name}: {described}", flush=True)
+    return [size["Private_Dirty"] for size in sizes]
 
-    return measure
+
+def rest(pid: int) -> dict[str, int]:
+    quiet([pid])
+    return memory(pid)
+
+
+def memories(site: Site) -> list[Sides]:
+    settle_disk()
+    with one_device(site) as (service, device):
+        device.prepare()
+        idle, after, full = idle_memory(service, device.agent, [HALF_FULL, FULL])
+        device.prepare()
+        (bare,) = idle_memory(service, device.floor)
+    return [(idle, bare), (after, idle), (full, idle)]
+
+
+def crowds(site: Site) -> list[Sides]:
+    many, few = crowd(site, CROWD), crowd(site, FEW)
+    return [
+        (many.proportional, few.proportional),
+        (many.private, few.private),
+        (many.milliseconds, few.milliseconds),
+    ]
 
 
 def idle_wakeups(site: Site) -> float:
@@ -94,75 +112,67 @@ def idle_wakeups(site: Site) -> float:
             return wakeups(life.pid) - before
 
 
-ROWS = [
-    Row(
-        name="7",
-        work="start of a claimed device, exec to its identity at the broker",
-        beside="a bare program with the same requests, TLS connect and settings commits",
-        unit="ms",
-        target=Target("at most", 1.10),
-        measure=by_turns(start_time(agent, registered=True), start_time(floor, registered=True)),
+FLAT = Target("at most", 1.2)
+MEMORY_GROWTH = Target("at most", 1024, " KiB")
+
+TRIALS = [
+    by_turns(
+        Row(
+            "7",
+            "start of a claimed device, exec to its identity at the broker",
+            "a bare program with the same requests, TLS connect and settings commits",
+            "ms",
+            Target("at most", 1.10),
+        ),
+        start_time(agent, registered=True),
+        start_time(floor, registered=True),
         pairs=START_PAIRS,
     ),
-    Row(
-        name="7 first",
-        work="the first start of all, which registers, too",
-        beside="the bare program, which registers, too",
-        unit="ms",
-        target=None,
-        measure=by_turns(start_time(agent, registered=False), start_time(floor, registered=False)),
+    by_turns(
+        Row(
+            "7 first",
+            "the first start of all, which registers, too",
+            "the bare program, which registers, too",
+            "ms",
+            None,
+        ),
+        start_time(agent, registered=False),
+        start_time(floor, registered=False),
         pairs=START_PAIRS,
     ),
-    Row(
-        name="8 idle",
-        work="private dirty memory, connected and idle",
-        beside="the bare program's",
-        unit="KiB",
-        target=Target("at most", 1.10),
-        measure=by_turns(idle_memory(agent), idle_memory(floor)),
+    Trial(
+        [
+            Row("8", "private dirty memory, connected and idle", "the bare program's", "KiB", Target("at most", 1.10)),
+            Row("8 after", "the same after 100,000 messages", "the agent's before", "KiB", MEMORY_GROWTH, difference),
+            Row(
+                "8 full",
+                "the same after 20,000 more, of 3,900 bytes, 980 at a time",
+                "the agent's before",
+                "KiB",
+                MEMORY_GROWTH,
+                difference,
+            ),
+        ],
+        memories,
     ),
-    Row(
-        name="8 after",
-        work="private dirty memory after 100,000 messages",
-        beside="the agent's before them",
-        unit="KiB",
-        target=Target("at most", 1024, " KiB"),
-        measure=by_turns(idle_memory(agent, HALF_FULL), idle_memory(agent)),
-        compare=difference,
-    ),
-    Row(
-        name="8 full",
-        work="the same after 20,000 messages of 3,900 bytes that fill the queue again and again",
-        beside="the agent's before them",
-        unit="KiB",
-        target=Target("at most", 1024, " KiB"),
-        measure=by_turns(idle_memory(agent, FULL), idle_memory(agent)),
-        compare=difference,
-    ),
-    Row(
-        name="9",
-        work="wake-ups of all threads in 60 s, connected and idle",
-        beside="none",
-        unit="wake-ups",
-        target=Target("at most", 0),
-        measure=by_turns(idle_wakeups),
-        compare=alone,
+    by_turns(
+        Row(
+            "9",
+            "wake-ups of all threads in 60 s, connected and idle",
+            "none",
+            "wake-ups",
+            Target("at most", 0),
+            alone,
+        ),
+        idle_wakeups,
         pairs=1,
     ),
-    Row(
-        name="15 memory",
-        work=f"proportional set size of each of {CROWD} agents that one lab serves",
-        beside=f"of each of {FEW}",
-        unit="KiB",
-        target=Target("at most", 1.2),
-        measure=by_turns(lambda site: crowd(site, CROWD).proportional, lambda site: crowd(site, FEW).proportional),
-    ),
-    Row(
-        name="15 time",
-        work=f"{CROWD} agents started at once, time for each until all are connected",
-        beside=f"{FEW} agents",
-        unit="ms",
-        target=Target("at most", 1.2),
-        measure=by_turns(lambda site: crowd(site, CROWD).milliseconds, lambda site: crowd(site, FEW).milliseconds),
+    Trial(
+        [
+            Row("15", f"proportional set size of each of {CROWD} agents, one lab", f"of each of {FEW}", "KiB", FLAT),
+            Row("15 private", "private dirty memory of each of them", f"of each of {FEW}", "KiB", FLAT),
+            Row("15 time", "time for each until all are connected", f"of {FEW}", "ms", FLAT),
+        ],
+        crowds,
     ),
 ]

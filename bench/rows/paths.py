@@ -16,9 +16,10 @@ from orvel_lab import Agent, Lab
 from orvel_lab.certificates import Authority
 from orvel_lab.waiting import poll_readable
 
-from row import Curve, Growth, Row, Site, Target
+from row import Curve, Growth, Row, Sides, Site, Target, Trial
 
 HANDLER = "bench"
+SOCKETS = "setting read, socket, connect, send, close; for a Unix socket stat, too"
 SETTING = f"q_handler_{HANDLER}"
 PATIENCE = 60
 LONGEST = 1200  # that a measurement may take: 5,000,000 messages, on a machine that is slow
@@ -55,27 +56,28 @@ class Peer:
     def __init__(self, program: Path, *arguments: str | Path) -> None:
         command = [program, *arguments]
         self._process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
-        port, self.endpoint = self._line().split(" ", 1)
-        self.port = int(port)
+        try:
+            port, self.endpoint = self.answer().split(" ", 1)
+            self.port = int(port)
+        except Exception:
+            self.end()
+            raise
 
-    def ask(self, line: str) -> str:
+    def ask(self, line: str, patience: float = PATIENCE) -> str:
         self._process.stdin.write(f"{line}\n".encode())
-        return self._line()
+        return self.answer(patience)
 
-    def answer(self) -> str:
+    def answer(self, patience: float = PATIENCE) -> str:
         """One more line."""
-        return self._line()
-
-    def end(self) -> None:
-        self._process.kill()  # it may be waiting for an agent that does not come
-        self._process.communicate()
-
-    def _line(self) -> str:
-        if not poll_readable([self._process.stdout], LONGEST):
+        if not poll_readable([self._process.stdout], patience):
             raise TimeoutError("the peer does not answer")
         line = self._process.stdout.readline().decode()
         assert line.endswith("\n"), "the peer has ended"
         return line.strip()
+
+    def end(self) -> None:
+        self._process.kill()  # it may be waiting for an agent that does not come
+        self._process.communicate()
 
 
 @dataclass
@@ -138,7 +140,11 @@ Deliver = Callable[[int], int]  # so many messages; how many nanoseconds that to
 @contextlib.contextmanager
 def agent_side(load: Load, site: Site) -> Iterator[Deliver]:
     with scene(site, load) as this, this.connected_agent():
-        yield lambda count: int(this.peer.ask(f"deliver {HANDLER} {count} {load.size} {load.open_at_once}"))
+
+        def deliver(count: int) -> int:
+            return int(this.peer.ask(f"deliver {HANDLER} {count} {load.size} {load.open_at_once}", LONGEST))
+
+        yield deliver
 
 
 @contextlib.contextmanager
@@ -152,30 +158,40 @@ def floor_side(load: Load, site: Site, *more: str) -> Iterator[Deliver]:
         def deliver(count: int) -> int:
             this.peer.ask(f"collect {count} {load.size}")
             begun = this.run_floor(program, this.lab.settings_path, SETTING, count, load.size, *logs, *more)
-            return int(this.peer.answer()) - begun
+            return int(this.peer.answer(LONGEST)) - begun
 
         yield deliver
 
 
-def delivery_rates(load: Load, floor_options: Sequence[str], site: Site) -> tuple[float, float]:
-    """Slice by slice, because the machine is faster now and slower then; the middle slice of each counts."""
-    with agent_side(load, site) as agent, floor_side(load, site, *floor_options) as floor:
-        times = [(agent(load.count // SLICES), floor(load.count // SLICES)) for _ in range(SLICES)]
-    agent_time, floor_time = map(statistics.median, zip(*times))
-    return load.count // SLICES * SECOND / agent_time, load.count // SLICES * SECOND / floor_time
+def slices(load: Load, sides: Sequence[Deliver]) -> list[tuple[int, ...]]:
+    """Nanoseconds of each side for each slice, by turns, because the machine is faster now and slower then."""
+    return [tuple(deliver(load.count // SLICES) for deliver in sides) for _ in range(SLICES)]
 
 
-def delivery(
-    name: str, load: Load, target: float | None, work: str, beside: str, *floor_options: str, pairs: int = 0
-) -> Row:
-    measure = functools.partial(delivery_rates, load, floor_options)
-    return Row(name, work, beside, "messages/s", target and Target("at least", target), measure, pairs=pairs)
+def delivery_rates(load: Load, floors: Sequence[Sequence[str]], site: Site) -> list[Sides]:
+    """Of the middle slice, beside the floor with each of these sets of options."""
+    with contextlib.ExitStack() as ends:
+        sides = [ends.enter_context(agent_side(load, site))]
+        sides += [ends.enter_context(floor_side(load, site, *more)) for more in floors]
+        times = map(statistics.median, zip(*slices(load, sides)))
+    agent, *rates = (load.count / SLICES * SECOND / time for time in times)
+    return [(agent, rate) for rate in rates]
+
+
+def delivery(name: str, load: Load, target: Target | None, work: str, pairs: int = 7) -> Trial:
+    beside = SOCKETS + (f", and as many log lines ({load.log_lines})" if load.log_lines else "")
+    row = Row(name, work, beside, "messages/s", target)
+    return Trial([row], functools.partial(delivery_rates, load, [[]]), pairs)
 
 
 def delivery_times(loads: Sequence[Load], x_of: Callable[[Load], float], site: Site) -> list[Curve]:
-    rates = [(x_of(load), *delivery_rates(load, [], site)) for load in loads]
-    agent = [(x, 1e6 / rate) for x, rate, _ in rates]
-    floor = [(x, 1e6 / rate) for x, _, rate in rates]
+    """Of all slices together: what grows late counts, too."""
+    agent, floor = [], []
+    for load in loads:
+        with agent_side(load, site) as ours, floor_side(load, site) as least:
+            spent = map(sum, zip(*slices(load, [ours, least])))
+        for curve, time in zip((agent, floor), spent):
+            curve.append((x_of(load), time / load.count / 1e3))
     return [Curve("agent", agent), Curve("floor", floor)]
 
 
@@ -218,39 +234,40 @@ def receiving_agent(load: Load, site: Site) -> Iterator[Receive]:
 
 
 @contextlib.contextmanager
-def receiving_floor(load: Load, site: Site, *more: str) -> Iterator[Receive]:
+def receiving_floor(load: Load, site: Site, more: Sequence[str]) -> Iterator[Receive]:
     with scene(site, load) as this:
         program = site.build / "bin" / "floor_tls"
         command = [program, str(this.peer.port), this.lab.authority.path, str(READ_SIZE), *more]
-        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as floor:
+        floor = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        try:
             this.peer.ask("accept")
             this.peer.ask(f"seal {HANDLER} {load.count} {load.size}")
-            yield lambda: Received(flood(this), int(floor.stdout.read()) / SECOND)
+            yield lambda: Received(flood(this), int(floor.communicate(timeout=PATIENCE)[0]) / SECOND)
+        finally:
+            floor.kill()
+            floor.communicate()
 
 
-def received(load: Load, floor_options: Sequence[str], site: Site) -> tuple[Received, Received]:
-    with receiving_agent(load, site) as receive:
-        agent = receive()
-    with receiving_floor(load, site, *floor_options) as receive:
-        floor = receive()
-    return agent, floor
+def receive_by_turns(load: Load, floors: Sequence[Sequence[str]], site: Site) -> list[Received]:
+    """Of the agent, and of the floor with each of these sets of options."""
+    received = []
+    for side in (receiving_agent, *(functools.partial(receiving_floor, more=more) for more in floors)):
+        with side(load, site) as receive:
+            received.append(receive())
+    return received
 
 
-def receiving_rates(load: Load, floor_options: Sequence[str], site: Site) -> tuple[float, float]:
-    agent, floor = received(load, floor_options, site)
-    return agent.rate, floor.rate
-
-
-def receiving_processor(load: Load, site: Site) -> tuple[float, float]:
-    agent, floor = received(load, [], site)
-    return agent.processor, floor.processor
+def receiving(site: Site) -> list[Sides]:
+    agent, floor, ahead = receive_by_turns(STREAM, [[], ["ahead"]], site)
+    return [(agent.rate, floor.rate), (agent.rate, ahead.rate), (agent.processor, floor.processor)]
 
 
 def receiving_times(loads: Sequence[Load], site: Site) -> list[Curve]:
-    rates = [(load.size, *receiving_rates(load, [], site)) for load in loads]
-    agent = [(size, 1e6 / rate) for size, rate, _ in rates]
-    floor = [(size, 1e6 / rate) for size, _, rate in rates]
-    return [Curve("agent", agent), Curve("floor", floor)]
+    rates = [[received.rate for received in receive_by_turns(load, [[]], site)] for load in loads]
+    return [
+        Curve(label, [(load.size, 1e6 / rate) for load, rate in zip(loads, side)])
+        for label, side in zip(("agent", "floor"), zip(*rates))
+    ]
 
 
 # --- all of it
@@ -261,39 +278,30 @@ TO_UNIX = Load("unix", 50_000, 256)
 TO_PROGRAM = Load("program", 2_000, 256)
 STREAM = Load("tls", 2**30 // 4096, 4096)
 
-SOCKETS = "setting read, socket, connect, send, close"
 PROGRAMS = "setting read, stat, pipe, {}, exec, write, reap"
 
-ROWS = [
-    delivery("1", MESSAGES, 0.95, "50,000 messages of 256 bytes from the broker to a TCP handler", SOCKETS, pairs=11),
-    delivery("1 logged", LOGGED, None, "the same with --log_info", SOCKETS + ", and as many log lines (2)"),
-    delivery("2", TO_UNIX, 0.80, "50,000 messages of 256 bytes from the broker to a Unix socket", SOCKETS + ", and stat"),
-    delivery("3", TO_PROGRAM, 0.95, "2,000 messages to a program", PROGRAMS.format("fork"), pairs=11),
-    delivery("3 vfork", TO_PROGRAM, None, "the same", PROGRAMS.format("vfork"), "vfork"),
-    Row(
-        "6",
-        "1 GiB of messages of 4 KiB over TLS, dropped at a full queue, no log",
-        f"SSL_read of {READ_SIZE} bytes, again and again",
-        "MiB/s",
-        Target("at least", 0.9),
-        functools.partial(receiving_rates, STREAM, []),
-        pairs=21,
+STREAM_WORK = "1 GiB of messages of 4 KiB over TLS, dropped at a full queue, no log"
+READS = f"SSL_read of {READ_SIZE} bytes, again and again"
+
+TRIALS = [
+    delivery("1", MESSAGES, Target("at least", 0.95), "50,000 messages of 256 bytes from the broker to a TCP handler", 11),
+    delivery("1 logged", LOGGED, None, "row 1 with --log_info"),
+    delivery("2", TO_UNIX, Target("at least", 0.80), "50,000 messages of 256 bytes from the broker to a Unix socket"),
+    Trial(
+        [
+            Row("3", "2,000 messages to a program", PROGRAMS.format("fork"), "messages/s", Target("at least", 0.95)),
+            Row("3 vfork", "row 3", PROGRAMS.format("vfork"), "messages/s", None),
+        ],
+        functools.partial(delivery_rates, TO_PROGRAM, [[], ["vfork"]]),
     ),
-    Row(
-        "6 ahead",
-        "the same",
-        "the same, OpenSSL reading ahead",
-        "MiB/s",
-        None,
-        functools.partial(receiving_rates, STREAM, ["ahead"]),
-    ),
-    Row(
-        "6 processor",
-        "the processor's time for that",
-        "the same",
-        "s",
-        None,
-        functools.partial(receiving_processor, STREAM),
+    Trial(
+        [
+            Row("6", STREAM_WORK, READS, "MiB/s", Target("at least", 0.9)),
+            Row("6 ahead", "row 6", "the same, OpenSSL reading ahead", "MiB/s", None),
+            Row("6 processor", "the processor's time for row 6", READS, "s", None),
+        ],
+        receiving,
+        pairs=15,
     ),
 ]
 

@@ -53,8 +53,9 @@ struct pool_state {
 constinit pool_state pool{};
 
 // Used in turn, and passed from the producer to the worker through the queue. Messages leave in the order in which they
-// came, so the next record is always one that the worker has done with. Beside the pool because it begins as zeros,
-// which take no room in the program.
+// came, and the only worker lets go of one before it takes the next, under the queue's lock, which the producer takes
+// before it comes round: so the next record is always one that nobody looks at. Beside the pool because it begins as
+// zeros, which take no room in the program.
 constinit queued_message records[record_count]{};
 
 // The worker belongs to no signal: a delivery must not be cut short.
