@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what building, the demo and the tests need, from Debian's packages.
 #
-# usage: install-deps.sh [--check]
-#   --check   only say what is missing; exit status 1 if anything is
+# usage: install-deps.sh [--check] [--group NAME]
+#   --check        only say what is missing; exit status 1 if anything is
+#   --group NAME   what another script needs besides: package (scripts/package.sh), cross (scripts/cross.sh)
 set -euo pipefail
 
 packages=(
@@ -15,7 +16,24 @@ packages=(
   squid tinyproxy-bin stunnel4 dante-server microsocks nftables
   graphviz spin valgrind binutils
   zsh mandoc shellcheck socat tshark python3-jsonschema
+  chromium chromium-driver
 )
+
+declare -A groups=(
+  [package]="debhelper dpkg-dev lintian debootstrap"
+  [cross]="g++-arm-linux-gnueabihf g++-i686-linux-gnu g++-mipsel-linux-gnu g++-s390x-linux-gnu qemu-user musl-tools"
+)
+
+usage() { echo "usage: install-deps.sh [--check] [--group NAME], NAME is one of: ${!groups[*]}" >&2; exit 2; }
+check=
+while [[ $# -gt 0 ]]; do
+  case $1 in
+    --check) check=1 ;;
+    --group) [[ -v groups[${2:-none}] ]] || usage; read -ra packages <<<"${groups[$2]}"; shift ;;
+    *) usage ;;
+  esac
+  shift
+done
 
 # What brings a service along (init script, systemd unit). The tests run these programs by themselves, with their own
 # configuration; as a service none of them may run on this machine on our account, neither now nor after a restart.
@@ -32,7 +50,7 @@ done
 if [[ ${#missing[@]} -eq 0 ]]; then
   exit 0
 fi
-if [[ ${1:-} == --check ]]; then
+if [[ -n $check ]]; then
   echo "missing packages: ${missing[*]}" >&2
   exit 1
 fi

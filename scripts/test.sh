@@ -103,14 +103,14 @@ run_install() {
 run_asan() {
   stage "address, leak and undefined-behaviour sanitizers"
   build asan
-  ORVEL_BURST_MESSAGES=2000 run_tests build-asan
+  ORVEL_BURST_MESSAGES=2000 ORVEL_FLEET_AGENTS=10 run_tests build-asan
 }
 
 run_tsan() {
   stage "thread sanitizer"
   build tsan
   # The process ends with its threads still there: a thread that ended and waits to be joined is no leak.
-  TSAN_OPTIONS=report_thread_leaks=0 ORVEL_BURST_MESSAGES=2000 run_tests build-tsan
+  TSAN_OPTIONS=report_thread_leaks=0 ORVEL_BURST_MESSAGES=2000 ORVEL_FLEET_AGENTS=10 run_tests build-tsan
 }
 
 # The first two use all processors by themselves; the others mostly wait, so that two at a time are no worse.

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import collections
+import contextlib
 import socket
 import ssl
 import threading
@@ -19,6 +20,7 @@ from .waiting import DEADLINE, DeadlinePassed, Event, Journal, Observer, Wake, i
 Found = TypeVar("Found")
 
 IDENTITIES = (Type.IDENTITY_AGENT_ID, Type.IDENTITY_TOKEN)
+FLOOD_GAP = 0.001  # seconds in which others may write; the buffers on the way hold more than that
 
 
 @dataclass(frozen=True)
@@ -26,16 +28,18 @@ class Plan:
     """How a coming connection is treated, in place of plain good service.
 
     reset, close     at the first bytes from the agent, before TLS (earlier, its connect itself might fail)
-    stall            accepted, then silence (also no TLS) until session.release() lets it go on
+    stall            accepted, then silence (also no TLS) until session.release() lets it go on, or for `seconds`
     garbage          `data` goes out in the clear before TLS; then the connection is closed
     close-after-identity, reset-after-identity
     """
 
     kind: str
     data: bytes = b""
+    seconds: float | None = None
 
 
 PLANS = ("reset", "close", "stall", "garbage", "close-after-identity", "reset-after-identity")
+SLOW_PIECES = 10
 
 
 class Session:
@@ -47,6 +51,11 @@ class Session:
         self.opened_at = time.time()
         self.established = False  # accepted, and TLS is up where it is in use
         self.ended_by = ""  # who ended it and how, once it has ended
+        self.ended_at: float | None = None
+        self.identity: Packet | None = None
+        self.heartbeat: Packet | None = None  # the last one
+        self.heartbeat_at: float | None = None
+        self.slowness = 0.0  # seconds that each packet to the agent takes, where its pieces are not said
         self.packets: Journal[Packet] = Journal()
         self._broker = broker
         self._plan = plan
@@ -54,7 +63,7 @@ class Session:
         self._released = Wake()
         self._raw = bytearray()
         self._sent = Decoder()
-        self._sent_lock = threading.Lock()
+        self._turn = threading.Lock()  # one packet at a time, also where it goes out in pieces
         self._consumed: set[int] = set()
         self._ending = ""
         self._ended = threading.Event()
@@ -134,16 +143,17 @@ class Session:
         pieces may join on their way. `gap` is a pause between pieces, in seconds.
         """
         encoded = data.encode() if isinstance(data, Packet) else data
-        pieces = cut(encoded, sizes, rest or max(1, len(encoded)))
         described = data.describe() if isinstance(data, Packet) else f"{len(encoded)} raw bytes"
-        with self._sent_lock:
+        if self.slowness and not rest:
+            rest, gap = -(-len(encoded) // SLOW_PIECES), self.slowness / SLOW_PIECES
+        with self._turn:
             packets = [packet.describe() for packet in self._sent.feed(encoded)]
-        shown = encoded[:64].hex(" ")
-        self._tell(f"sends {described}", direction="out", packets=packets, bytes=shown, size=len(encoded))
-        for index, piece in enumerate(pieces):
-            if index and gap:
-                self._channel.pause(gap)
-            self._channel.write(piece)
+            shown = encoded[:64].hex(" ")
+            self._tell(f"sends {described}", direction="out", packets=packets, bytes=shown, size=len(encoded))
+            for index, piece in enumerate(cut(encoded, sizes, rest or max(1, len(encoded)))):
+                if index and gap:
+                    self._channel.pause(gap)
+                self._channel.write(piece)
 
     def send_every_byte(self, data: bytes | Packet) -> None:
         self.send(data, rest=1)
@@ -151,6 +161,13 @@ class Session:
     def drip(self, data: bytes | Packet, seconds: float = 1.0) -> None:
         """One byte each `seconds`."""
         self.send(data, rest=1, gap=seconds)
+
+    def flood(self, data: bytes) -> None:
+        """Sends that again and again, as fast as the agent takes it, until the connection ends. Nobody is told."""
+        with contextlib.suppress(ChannelEnded, OSError):
+            while True:
+                self._channel.write(data)
+                self._channel.pause(FLOOD_GAP)
 
     def send_message(
         self, handler: str | bytes, payload: bytes = b"", chunk_sizes: Sequence[int] | None = None
@@ -221,7 +238,7 @@ class Session:
             self._ending = f"lab {'reset' if kind == 'reset' else 'cut'}"
             raise ChannelEnded
         if kind == "stall":
-            self._channel.pause(None, self._released)
+            self._channel.pause(self._plan.seconds, self._released)
         if kind == "garbage":
             self._channel.write_unprotected(self._plan.data)
             self._ending = "lab cut"
@@ -233,6 +250,7 @@ class Session:
             self._raw += data
             for packet in decoder.feed(data):
                 self.packets.append(packet)
+                self._learn(packet)
                 self._tell_received(packet.describe(), packet.raw)
                 self._behave(packet)
             self.packets.touch()
@@ -242,18 +260,24 @@ class Session:
         shown = raw[:64].hex(" ")
         self._tell(described, direction="in", packets=[described], bytes=shown, size=len(raw))
 
+    def _learn(self, packet: Packet) -> None:
+        if packet.type in IDENTITIES:
+            self.identity = self.identity or packet
+        if is_heartbeat(packet):
+            self.heartbeat, self.heartbeat_at = packet, time.time()
+
     def _behave(self, packet: Packet) -> None:
         if packet.type in IDENTITIES and self._plan and self._plan.kind.endswith("-after-identity"):
             self._ending = "lab closed" if self._plan.kind.startswith("close") else "lab reset"
             raise ChannelEnded
-        is_heartbeat = packet.type == Type.HEARTBEAT and [len(chunk) for chunk in packet.chunks] == [16]
-        if is_heartbeat and self._broker.answer_heartbeats:
+        if is_heartbeat(packet) and self._broker.answer_heartbeats:
             self.send_heartbeat_response(packet.sequence)
 
     def _finish(self) -> None:
         if self.ended_by == "lab closed":
             self._farewell()
         self._channel.finish(reset=self.ended_by == "lab reset")
+        self.ended_at = time.time()
         self._ended.set()
         self.packets.end(f"session {self.number} has ended: {self.ended_by}")
         self._broker.connections.touch()
@@ -266,7 +290,12 @@ class Session:
             pass  # the peer was quicker, or its buffer is full
 
     def _tell(self, what: str, **details: object) -> None:
-        self._broker.observer(Event("broker", f"session {self.number}: {what}", {"session": self.number, **details}))
+        known = {"session": self.number, "identity": self.identity.text if self.identity else None}
+        self._broker.observer(Event("broker", f"session {self.number}: {what}", {**known, **details}))
+
+
+def is_heartbeat(packet: Packet) -> bool:
+    return packet.type == Type.HEARTBEAT and [len(chunk) for chunk in packet.chunks] == [16]
 
 
 class Broker(Listening):
@@ -290,12 +319,18 @@ class Broker(Listening):
         self._returned: set[int] = set()
         self._lock = threading.Lock()
 
-    def plan(self, kind: str, times: int = 1, data: bytes = b"") -> None:
+    def plan(self, kind: str, times: int = 1, data: bytes = b"", seconds: float | None = None) -> None:
         """Treats the next `times` connections (after those planned before) as Plan describes."""
         if kind not in PLANS:
             raise ValueError(f"no such plan: {kind}; there are {', '.join(PLANS)}")
         with self._lock:
-            self._plans.extend([Plan(kind, data)] * times)
+            self._plans.extend([Plan(kind, data, seconds)] * times)
+
+    @property
+    def planned_count(self) -> int:
+        """How many connections are still to meet a plan."""
+        with self._lock:
+            return len(self._plans)
 
     def forget_plans(self) -> None:
         """Treats coming connections well again; those that were planned to stall go on."""

@@ -13,8 +13,10 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
+from .commands import Refusal
+from .fleet import MOST_DEVICES
 from .lab import HARDWARE_ID
-from .playground import LAB_FILE, Options, Playground, Refusal, moment_of, timeline_entry
+from .playground import LAB_FILE, Options, Playground, moment_of, timeline_entry
 from .scripted_proxy import KINDS
 from .waiting import DEADLINE
 
@@ -33,10 +35,15 @@ A first round, in three terminals:
   orvel-lab wait connected
   orvel-lab send tcp 'hello'         look into .lab/received/tcp
 
+The same in a browser, with devices to try it on:
+  orvel-lab up --console --agents 3
+
 Exit status: 0 done, 1 not possible or not in time, 2 wrong use."""
 
 RETRY_SECONDS = 0.05
 LINE_LIMIT = 20
+CONDITION_HELP = "registered [DEVICES], connected [SESSION NUMBER], received HANDLER [COUNT]"
+TAKE_COUNT = ("registered", "connected", "received")  # conditions of the command wait
 
 
 def main(arguments: list[str] | None = None) -> int:
@@ -78,17 +85,20 @@ def parser() -> argparse.ArgumentParser:
     what = sent.add_mutually_exclusive_group(required=True)
     what.add_argument("text", nargs="?", help="the payload")
     what.add_argument("--file", type=Path, help="a file that holds the payload")
+    add_device(sent, "the newest session's")
     sent.add_argument("--chunks", type=numbers, default=[], metavar="N,N...", help="sizes of the first payload chunks")
 
     told = "The device learns of it through its control port (see the command control) or at its own claim checks."
-    command("claim", simple("claim"), "make the cloud say that the device is claimed", told)
-    command("release", simple("release"), "make the cloud say that the device is not claimed", told)
+    for name, state in (("claim", "claimed"), ("release", "not claimed")):
+        add_device(command(name, simple(name), f"make the cloud say that the device is {state}", told), "all")
 
     advice = command("advise", advise, "set what the advisor answers from now on")
+    add_device(advice, "all")
     advice.add_argument("action", choices=["connect", "wait"])
     advice.add_argument("seconds", nargs="?", type=int, help="how long to wait; below 1 is for ever")
 
     dropped = command("drop", drop, "end the agent's session with the broker")
+    add_device(dropped, "the newest session's")
     dropped.add_argument("--reset", action="store_true", help="with a TCP reset in place of an orderly end")
 
     asked = command("control", control, "send a control request to the agent's port and print the reply")
@@ -96,7 +106,7 @@ def parser() -> argparse.ArgumentParser:
 
     waited = command("wait", wait, "wait until something is so")
     waited.add_argument("condition", choices=["up", "registered", "connected", "disconnected", "received"])
-    waited.add_argument("arguments", nargs="*", help="connected [SESSION NUMBER], received HANDLER [COUNT]")
+    waited.add_argument("arguments", nargs="*", help=CONDITION_HELP)
     patience = "give up after that long (%(default)g)"
     waited.add_argument("--deadline", type=float, default=DEADLINE, metavar="SECONDS", help=patience)
     waited.set_defaults(usage_error=waited.error)
@@ -115,6 +125,10 @@ def parser() -> argparse.ArgumentParser:
 def add_up(added: argparse.ArgumentParser) -> None:
     added.add_argument("--agent", type=Path, help="the agent's program (ORVEL_BIN, or build/bin/orvel beside the lab)")
     added.add_argument("--no-tls", dest="tls", action="store_false", help="plain TCP between agent and broker")
+    page = "serve a web console on this port of 127.0.0.1 (any free one)"
+    added.add_argument("--console", type=int, nargs="?", const=0, metavar="PORT", help=page)
+    fleet = "run the agents of so many devices, DEVICE0000001 and so on"
+    added.add_argument("--agents", type=devices, default=0, metavar="COUNT", help=fleet)
     proxy = "reach cloud and broker only through a real proxy; in a network of its own (unshare --net)"
     added.add_argument("--proxy", choices=list(KINDS), help=proxy)
     added.add_argument("--claimed", action="store_true", help="the device is claimed from the start")
@@ -126,6 +140,17 @@ def add_up(added: argparse.ArgumentParser) -> None:
     more = "one more setting of the agent; may be repeated"
     added.add_argument("--set", type=key_and_value, action="append", default=[], metavar="KEY=VALUE", help=more)
     added.add_argument("--key-log", type=Path, metavar="FILE", help="log the keys of TLS, for a wire analyser")
+
+
+def add_device(added: argparse.ArgumentParser, otherwise: str) -> None:
+    added.add_argument("--device", metavar="HARDWARE_ID", help=f"whose; without it {otherwise}")
+
+
+def devices(text: str) -> int:
+    number = int(text)
+    if not 0 <= number <= MOST_DEVICES:
+        raise argparse.ArgumentTypeError(f"there are 0 to {MOST_DEVICES} devices, not {text}")
+    return number
 
 
 def numbers(text: str) -> list[int]:
@@ -152,21 +177,22 @@ def up(options: argparse.Namespace) -> None:
 def send(options: argparse.Namespace) -> None:
     payload = options.file.read_bytes() if options.file else os.fsencode(options.text)
     encoded = base64.b64encode(payload).decode()
-    print_done(options, {"do": "send", "handler": options.handler, "payload": encoded, "chunks": options.chunks})
+    message = {"handler": options.handler, "payload": encoded, "chunks": options.chunks}
+    print_done(options, {"do": "send", "device": options.device, **message})
 
 
 def simple(do: str):
-    return lambda options: print_done(options, {"do": do})
+    return lambda options: print_done(options, {"do": do, "device": options.device})
 
 
 def advise(options: argparse.Namespace) -> None:
     if (options.seconds is None) != (options.action == "connect"):
         options.usage_error("it is `advise connect` or `advise wait SECONDS`")
-    print_done(options, {"do": f"advise-{options.action}", "seconds": options.seconds})
+    print_done(options, {"do": f"advise-{options.action}", "device": options.device, "seconds": options.seconds})
 
 
 def drop(options: argparse.Namespace) -> None:
-    print_done(options, {"do": "drop", "reset": options.reset})
+    print_done(options, {"do": "drop", "device": options.device, "reset": options.reset})
 
 
 def control(options: argparse.Namespace) -> None:
@@ -179,7 +205,7 @@ def wait(options: argparse.Namespace) -> None:
     if options.condition == "received":
         handler = rest.pop(0) if rest else options.usage_error("received needs a handler")
     count = rest.pop(0) if rest else "1"
-    if rest or not count.isdigit() or (options.arguments and options.condition not in ("connected", "received")):
+    if rest or not count.isdigit() or (options.arguments and options.condition not in TAKE_COUNT):
         options.usage_error(f"wrong arguments for {options.condition}: {' '.join(options.arguments)}")
     limit = time.monotonic() + options.deadline
     while True:

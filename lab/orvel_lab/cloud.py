@@ -14,7 +14,7 @@ import socket
 import ssl
 import threading
 import time
-from collections.abc import Sequence
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
 from typing import Any
 from urllib.parse import parse_qs, urlsplit
@@ -55,6 +55,7 @@ class Request:
     headers: list[tuple[str, str]]
     body: bytes
     connection: int
+    device: str | None = None  # the hardware id of the one that asks, as far as the cloud knows it
     time: float = field(default_factory=time.time)
     status: int | None = None  # of the reply, once that has been begun
     reply: Reply | None = None  # the same
@@ -129,6 +130,10 @@ class Reply:
         return self.body.encode() if isinstance(self.body, str) else json.dumps(self.body).encode()
 
 
+# What a script holds: a reply, or what becomes of the cloud's own.
+Scripted = Reply | Callable[[Reply], Reply]
+
+
 @dataclass
 class Device:
     """What the cloud knows of one device."""
@@ -138,10 +143,16 @@ class Device:
     id: str
     claim_code: str
     claimed: bool = False
+    advice: dict[str, Any] | None = None  # the advisor's answer to this one alone; None: the one for all
 
     @property
     def authorization(self) -> str:
         return f"{self.id}:{self.claim_code}"
+
+    @property
+    def token(self) -> str:
+        """Its own one, for a cloud with own_tokens."""
+        return f"token of {self.id}"
 
 
 class Cloud(Listening):
@@ -151,12 +162,13 @@ class Cloud(Listening):
         self.context = context  # TLS of the connections accepted from now on
         self.observer = observer
         self.check_authorization = True
+        self.own_tokens = False  # where the advice has a token, does each device get one by which it is known?
         self.devices: dict[str, Device] = {}  # by hardware id
         self.advice: dict[str, Any] = {"_type": "ActionWait", "period": 1}  # the advisor's answer
         self.tls_failures: Journal[str] = Journal()
         self._requests: Journal[Request] = Journal()
         self._claimed_at_once = False
-        self._scripts: dict[str, collections.deque[Reply]] = {kind: collections.deque() for kind in ENDPOINTS}
+        self._scripts: dict[tuple[str, str | None], collections.deque[Scripted]] = {}  # by endpoint and hardware id
         self._lock = threading.Lock()  # scripts, devices, connection count
         self._connections = 0
         self.listener = Listener(ReservedPort([socket.AF_INET]), self._serve, "cloud")
@@ -177,12 +189,27 @@ class Cloud(Listening):
                 self.devices[hardware_id] = device
             return self.devices[hardware_id]
 
-    def claim(self) -> None:
-        """Claims every device, those of the future included."""
-        self._set_claimed(True)
+    def devices_by_identity(self) -> dict[str, Device]:
+        """Each by all that it may tell the broker as its identity."""
+        with self._lock:
+            return {text: device for device in self.devices.values() for text in (device.id, device.token)}
 
-    def release(self) -> None:
-        self._set_claimed(False)
+    def claim(self, hardware_id: str | None = None) -> None:
+        """Claims one device, or every one, those of the future included."""
+        self._set_claimed(True, hardware_id)
+
+    def release(self, hardware_id: str | None = None) -> None:
+        self._set_claimed(False, hardware_id)
+
+    def advise(self, advice: dict[str, Any], hardware_id: str | None = None) -> None:
+        """What the advisor answers from now on: to one device, or to all, whatever single ones were told before."""
+        with self._lock:
+            if hardware_id is not None:
+                self.devices[hardware_id].advice = advice
+                return
+            self.advice = advice
+            for device in self.devices.values():
+                device.advice = None
 
     def advise_connect(
         self,
@@ -203,23 +230,33 @@ class Cloud(Listening):
             "agentHeartbeat": None if heartbeat is None else str(heartbeat),
         }
         present = {key: value for key, value in members.items() if value is not None}
-        self.advice = {"_type": "ActionConnect", **present}
+        self.advise({"_type": "ActionConnect", **present})
 
-    def advise_wait(self, seconds: int) -> None:
-        self.advice = {"_type": "ActionWait", "period": seconds}
+    def advise_wait(self, seconds: int, hardware_id: str | None = None) -> None:
+        self.advise({"_type": "ActionWait", "period": seconds}, hardware_id)
 
     # What tests script and see.
 
-    def script(self, kind: str, *replies: Reply) -> None:
-        """These replies come next on that endpoint, behind those scripted before; then it behaves by itself again."""
+    def script(self, kind: str, *replies: Scripted, hardware_id: str | None = None) -> None:
+        """These replies come next on that endpoint, behind those scripted before; then it behaves by itself again.
+
+        They are for all devices, or for a certain one, whose own come first.
+        """
+        if kind not in ENDPOINTS:
+            raise ValueError(f"no such endpoint: {kind}; there are {', '.join(ENDPOINTS)}")
         with self._lock:
-            self._scripts[kind].extend(replies)
+            self._scripts.setdefault((kind, hardware_id), collections.deque()).extend(replies)
 
     def forget_scripts(self) -> None:
         """Behaves by itself again on every endpoint."""
         with self._lock:
-            for script in self._scripts.values():
-                script.clear()
+            self._scripts.clear()
+
+    @property
+    def scripted_count(self) -> int:
+        """How many scripted replies are still to come."""
+        with self._lock:
+            return sum(map(len, self._scripts.values()))
 
     def requests(self, kind: str | None = None) -> list[Request]:
         return _of_kind(self._requests.snapshot(), kind)
@@ -237,12 +274,19 @@ class Cloud(Listening):
         """The first result of `find(requests)` that is not None; called again after each request and reply."""
         return self._requests.wait(find, f"cloud: {what}", deadline)
 
-    def _set_claimed(self, claimed: bool) -> None:
+    def _set_claimed(self, claimed: bool, hardware_id: str | None) -> None:
+        word = "claimed" if claimed else "released"
         with self._lock:
-            self._claimed_at_once = claimed
-            for device in self.devices.values():
-                device.claimed = claimed
-        self.observer(Event("cloud", f"devices are {'claimed' if claimed else 'released'} from now on"))
+            if hardware_id is not None:
+                self.devices[hardware_id].claimed = claimed
+            else:
+                self._claimed_at_once = claimed
+                for device in self.devices.values():
+                    device.claimed = claimed
+        if hardware_id is None:
+            self._tell(f"devices are {word} from now on")
+        else:
+            self._tell(f"{hardware_id} is {word} from now on", device=hardware_id)
 
     # A connection, on its own thread.
 
@@ -280,14 +324,31 @@ class Cloud(Listening):
         return "close"
 
     def _take(self, request: Request) -> Reply:
+        request.device = self._asking(request)
         self._requests.append(request)
+        scripted = self._next_scripted(request)
+        if scripted is None:
+            return self._default_reply(request)
+        request.scripted = True
+        reply = scripted if isinstance(scripted, Reply) else scripted(self._default_reply(request))
+        reply.taken = True
+        return reply
+
+    def _next_scripted(self, request: Request) -> Scripted | None:
         with self._lock:
-            script = self._scripts.get(request.kind)
-            if script:
-                reply = script.popleft()
-                reply.taken = request.scripted = True
-                return reply
-        return self._default_reply(request)
+            for whose in (request.device, None):
+                if script := self._scripts.get((request.kind, whose)):
+                    return script.popleft()
+        return None
+
+    def _asking(self, request: Request) -> str | None:
+        if request.kind == REGISTER:
+            try:
+                return str(request.json["hardwareId"])
+            except (ValueError, KeyError, TypeError):
+                return None
+        device = self._device_of(request)
+        return device.hardware_id if device else None
 
     def _answer(self, channel: Channel, request: Request, reply: Reply) -> None:
         encoded = reply.encode()[: reply.cut]
@@ -318,7 +379,13 @@ class Cloud(Listening):
             return Reply(200, {"_type": "Device", "deviceId": known.id, "claimed": known.claimed})
         if request.kind == DISCOVERY:
             return Reply(200, {})
-        return Reply(200, copy.copy(self.advice))
+        return Reply(200, self._advice_for(device))
+
+    def _advice_for(self, device: Device | None) -> dict[str, Any]:
+        advice = self.advice if device is None or device.advice is None else device.advice
+        if device is not None and self.own_tokens and "token" in advice:
+            return {**advice, "token": base64.b64encode(device.token.encode()).decode()}
+        return copy.copy(advice)
 
     def _reply_to_register(self, request: Request) -> Reply:
         try:
@@ -339,6 +406,7 @@ class Cloud(Listening):
     def _tell_exchange(self, request: Request, answer: bytes) -> None:
         self._tell(
             f"{request.kind}: {request.method} {request.target} -> {request.status or 'no status'}",
+            device=request.device,
             kind=request.kind,
             method=request.method,
             target=request.target,

@@ -218,13 +218,19 @@ class Lab:
     # The agent.
 
     def agent_arguments(
-        self, *options: str | Path, name: str = "orvel", control_port: int = 0, ca: bool = True
+        self,
+        *options: str | Path,
+        name: str = "orvel",
+        control_port: int = 0,
+        ca: bool = True,
+        hardware_id: str | None = None,
+        settings_path: Path | None = None,
     ) -> list[str]:
-        """The command line that fits this lab, without the program."""
+        """The command line that fits this lab, without the program; of its own device unless it is another's."""
         trust = ["--ca_file", self.authority.path] if ca else []
         files = ["--pid_file", self.folder / f"{name}.pid", "--watchdog_pid_file", self.folder / f"{name}-watchdog.pid"]
         files += ["--log_file", self.folder / f"{name}.log"]
-        identity = ["--hardware_id", self.hardware_id, "-c", self.settings_path]
+        identity = ["--hardware_id", hardware_id or self.hardware_id, "-c", settings_path or self.settings_path]
         return [*map(str, [*identity, *trust, "--control_port", control_port, *files, *options])]
 
     def start_agent(

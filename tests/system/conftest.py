@@ -13,11 +13,14 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "lab"))
 
+from console_site import ConsoleSite, MakeConsole  # noqa: E402  (found only now)
 from documents import bad_documents  # noqa: E402
-from orvel_lab import Authority, Lab  # noqa: E402  (found only now)
+from orvel_lab import Authority, Lab  # noqa: E402
 from orvel_lab.network import private_network  # noqa: E402
 from orvel_lab.real_proxies import RealProxy  # noqa: E402
 from real_proxy_site import MakeSite, Site  # noqa: E402
+from running_lab import Running  # noqa: E402
+from webdriver import Browser  # noqa: E402
 
 LABS = pytest.StashKey[list[Lab]]()
 
@@ -107,6 +110,44 @@ def claimed_lab(make_lab: Callable[..., Lab]) -> Lab:
 def plain_lab(make_lab: Callable[..., Lab]) -> Lab:
     """A claimed lab whose broker link is plain TCP."""
     return make_lab(registered=True, claimed=True, tls=False)
+
+
+@pytest.fixture
+def up(tmp_path: Path) -> Iterator[Callable[..., Running]]:
+    """Starts labs that are ended with the test."""
+    started: list[Running] = []
+
+    def start(*options: str, folder: Path = tmp_path / "lab") -> Running:
+        started.append(Running(folder, *options))
+        return started[-1]
+
+    yield start
+    for running in started:
+        if running.process.poll() is None:
+            running.stop()
+        assert running.sanitizer_reports() == []
+
+
+@pytest.fixture(scope="session")
+def browser(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Browser]:
+    """One for all tests of the session: starting it takes longer than most of them."""
+    started = Browser(tmp_path_factory.mktemp("browser"))
+    yield started
+    started.stop()
+
+
+@pytest.fixture
+def make_console(up: Callable[..., Running], browser: Browser, tmp_path: Path) -> Iterator[MakeConsole]:
+    """Starts a lab with a console and opens its page, about which the browser may have nothing to complain."""
+    browser.show_as()
+
+    def make(*options: str) -> ConsoleSite:
+        return ConsoleSite(up("--console", *options), browser, tmp_path / "screenshots")
+
+    yield make
+    complaints = browser.complaints()
+    browser.open("about:blank")
+    assert not complaints
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -9,73 +9,12 @@ import ssl
 import subprocess
 import sys
 import threading
-from collections.abc import Iterator
-from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
-from orvel_lab import Packet, Type
 from orvel_lab import settings as settings_file
 from orvel_lab.packets import plain_message
-
-COMMAND = Path(__file__).resolve().parents[2] / "lab" / "orvel-lab"
-SECONDS = 30
-IDENTITY = Packet(Type.IDENTITY_TOKEN, (b"lab-token",))
-
-
-class Running:
-    """A lab that is up, and the commands for it."""
-
-    def __init__(self, folder: Path, *options: str) -> None:
-        self.folder = folder
-        command = [COMMAND, "--dir", folder, "up", *options]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.run("wait", "up", "--deadline", str(SECONDS))
-        self.document = json.loads((folder / "lab.json").read_text())
-
-    def run(self, *arguments: str, status: int = 0) -> str:
-        """Runs a command, checks its exit status, gives its output (its error text when it is to fail)."""
-        done = run("--dir", str(self.folder), *arguments)
-        assert done.returncode == status, done.stdout + done.stderr
-        return done.stderr if status else done.stdout
-
-    def status(self) -> dict:
-        return json.loads(self.run("status", "--json"))
-
-    def stop(self, number: int = signal.SIGTERM) -> str:
-        """Ends the lab; gives what it has printed."""
-        self.process.send_signal(number)
-        printed, _ = self.process.communicate(timeout=SECONDS)
-        return printed
-
-    @contextmanager
-    def agent(self) -> Iterator[socket.socket]:
-        """What an agent does at the broker, up to its identity."""
-        context = ssl.create_default_context(cafile=self.document["ca_file"])
-        plain = socket.create_connection(("127.0.0.1", self.document["broker"]["port"]), timeout=SECONDS)
-        with context.wrap_socket(plain, server_hostname="localhost") as client:
-            client.sendall(IDENTITY.encode())
-            self.run("wait", "connected")
-            yield client
-
-
-def run(*arguments: str) -> subprocess.CompletedProcess[str]:
-    return subprocess.run([COMMAND, *arguments], capture_output=True, text=True, timeout=SECONDS, check=False)
-
-
-@pytest.fixture
-def up(tmp_path: Path) -> Iterator:
-    """Starts labs that are ended with the test."""
-    started: list[Running] = []
-
-    def start(*options: str, folder: Path = tmp_path / "lab") -> Running:
-        started.append(Running(folder, *options))
-        return started[-1]
-
-    yield start
-    for running in started:
-        if running.process.poll() is None:
-            running.stop()
+from running_lab import COMMAND, IDENTITY, SECONDS, run
 
 
 def test_the_agent_command_and_its_settings_are_ready(up):
