@@ -3,7 +3,7 @@
 # missing. Exit status 0 only if every step happened.
 #
 # usage: demo.sh [--keep] [--proxy http|https|socks4|socks5]
-#   --keep    leave lab and agent running at the end, to play with
+#   --keep    leave lab and agent running at the end, to play with; what they say goes to files
 #   --proxy   all of it through a real proxy of this kind, in a network of its own with no other way to cloud and broker
 # ORVEL_BIN names another agent than the one that is built here.
 set -euo pipefail
@@ -126,13 +126,14 @@ ORVEL_BIN=$agent "$root/lab/orvel-lab" --dir "$folder/lab" up ${proxy:+--proxy "
   >"$folder/timeline" 2>&1 &
 lab_pid=$!
 lab wait up >/dev/null
-tail -n +1 -f --pid="$lab_pid" "$folder/timeline" | sed -u 's/^/  lab | /' &
+tail -n +1 -f --pid="$lab_pid" "$folder/timeline" > >(sed -u 's/^/  lab | /') &
+timeline_pid=$!
 
 step "the agent starts and registers"
 mapfile -t command < <(value agent_command)
 printf '%s ' "${command[@]}"
 echo
-"${command[@]}" 2>"$folder/agent.log" &
+"${command[@]}" >"$folder/agent.log" 2>&1 &
 agent_pid=$!
 lab wait registered >/dev/null || fail "the agent did not register"
 
@@ -173,8 +174,9 @@ fi
 if [[ -n $keep ]]; then
   step "everything is left running"
   trap - EXIT
+  kill "$timeline_pid"  # the last that writes to this script's output
   echo "try:  lab/orvel-lab --dir $folder/lab send tcp hello   (or --help)"
-  echo "log:  $folder/agent.log"
+  echo "logs: $folder/agent.log, $folder/timeline (the lab's)"
   echo "stop: kill $agent_pid $lab_pid"
   exit 0
 fi

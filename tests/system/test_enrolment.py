@@ -447,6 +447,14 @@ class TestProxies:
         agent.wait_for_line("Could not get proxy address/proxy port values from config", anywhere=True)
         registered(lab, agent)
 
+    def test_the_environments_is_the_clouds_and_not_the_brokers(self, claimed_lab: Lab):
+        with ScriptedProxy("http") as proxy:
+            way = {"https_proxy": f"http://127.0.0.1:{proxy.port}", "no_proxy": "", "NO_PROXY": ""}
+            claimed_lab.start_agent(environment=way)
+            claimed_lab.broker.expect_session().expect_identity()
+        targets = {request.split()[1] for request in proxy.requests}
+        assert targets == {b"127.0.0.1:%d" % claimed_lab.cloud.port}
+
     def test_the_address_is_read_anew_for_each_request(self, eager: Lab):
         self.configure(eager, 1, eager.reserve_port())
         eager.settings["q_register_aggressive_delay"] = AN_HOUR
