@@ -16,7 +16,7 @@ packages=(
   squid tinyproxy-bin stunnel4 dante-server microsocks nftables
   graphviz spin valgrind binutils
   zsh mandoc shellcheck socat tshark python3-jsonschema
-  chromium chromium-driver
+  chromium chromium-driver busybox
 )
 
 declare -A groups=(
