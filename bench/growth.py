@@ -71,15 +71,19 @@ def legend(curves: Sequence[Curve], top: float) -> Iterator[str]:
         yield text(x + 32, y, curve.label, "start")
 
 
+def shown(value: float) -> str:
+    return f"{value:,.0f}" if value >= 1 else f"{value:g}"
+
+
 def grid(horizontal: Axis, vertical: Axis, top: float) -> Iterator[str]:
     for value in horizontal.marks():
         x = horizontal.place(value)
         yield f'<line class="grid" x1="{x:.1f}" y1="{top}" x2="{x:.1f}" y2="{top + PANEL}"/>'
-        yield text(x, top + PANEL + 16, f"{value:,g}", "middle")
+        yield text(x, top + PANEL + 16, shown(value), "middle")
     for value in vertical.marks():
         y = vertical.place(value)
         yield f'<line class="grid" x1="{LEFT}" y1="{y:.1f}" x2="{WIDTH - RIGHT}" y2="{y:.1f}"/>'
-        yield text(LEFT - 6, y + 4, f"{value:,g}", "end")
+        yield text(LEFT - 6, y + 4, shown(value), "end")
     yield f'<rect class="frame" x="{LEFT}" y="{top}" width="{WIDTH - LEFT - RIGHT}" height="{PANEL}"/>'
 
 
