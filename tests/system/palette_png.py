@@ -1,4 +1,4 @@
-"""Screenshots for the documents: with a palette they are a fraction as long (PNG specification, third edition)."""
+"""Screenshots for the documents: with a palette they are a fraction as long (RFC 2083)."""
 
 from __future__ import annotations
 
